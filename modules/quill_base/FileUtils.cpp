@@ -1,0 +1,180 @@
+#include <quill_base/FileUtils.h>
+
+#include <quill_base/TextUtils.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <system_error>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+#if defined(_WIN32)
+constexpr char kSeparator = '\\';
+#else
+constexpr char kSeparator = '/';
+#endif
+
+bool isSeparator(char c) {
+  return c == '/' || c == kSeparator;
+}
+
+// std::filesystem takes char strings in the native narrow encoding; u8path reads them as UTF-8,
+// which is what every string of this library holds.
+fs::path toPath(const std::string& utf8) {
+  return fs::u8path(utf8);
+}
+
+std::string fromPath(const fs::path& path) {
+  return path.u8string();
+}
+
+}  // namespace
+
+std::string FileUtils::appendComponent(const std::string& directory, const std::string& name) {
+  if (directory.empty()) {
+    return name;
+  }
+  if (isSeparator(directory.back())) {
+    return directory + name;
+  }
+  return directory + kSeparator + name;
+}
+
+bool FileUtils::directoryExists(const std::string& path) {
+  if (path.empty()) {
+    return false;
+  }
+  std::error_code ec;
+  return fs::is_directory(toPath(path), ec);
+}
+
+bool FileUtils::makeDirectory(const std::string& path) {
+  if (path.empty()) {
+    return false;
+  }
+  std::error_code ec;
+  fs::create_directories(toPath(path), ec);
+  return fs::is_directory(toPath(path), ec);
+}
+
+bool FileUtils::fileExists(const std::string& path) {
+  if (path.empty()) {
+    return false;
+  }
+  std::error_code ec;
+  return fs::is_regular_file(toPath(path), ec);
+}
+
+std::uint64_t FileUtils::fileSize(const std::string& path) {
+  if (!fileExists(path)) {
+    return 0;
+  }
+  std::error_code ec;
+  const auto size = fs::file_size(toPath(path), ec);
+  return ec ? 0 : static_cast<std::uint64_t>(size);
+}
+
+std::string FileUtils::fileDir(const std::string& path) {
+  return fromPath(toPath(path).parent_path());
+}
+
+std::string FileUtils::fileName(const std::string& path) {
+  return fromPath(toPath(path).filename());
+}
+
+std::string FileUtils::fileExtension(const std::string& path) {
+  auto extension = fromPath(toPath(path).extension());
+  if (!extension.empty() && extension.front() == '.') {
+    extension.erase(0, 1);
+  }
+  return extension;
+}
+
+bool FileUtils::moveFile(const std::string& from, const std::string& to) {
+  if (!fileExists(from) || to.empty()) {
+    return false;
+  }
+  const auto source = toPath(from);
+  const auto target = toPath(to);
+  std::error_code ec;
+  if (fs::exists(target, ec) && fs::equivalent(source, target, ec)) {
+    return true;
+  }
+  fs::rename(source, target, ec);
+  if (!ec) {
+    return true;
+  }
+  if (ec != std::errc::cross_device_link) {
+    return false;
+  }
+  // Another file system: copy next to the target first, so that the target is replaced whole by a
+  // rename and never shows a half-written file.
+  const auto staging = toPath(to + ".part-" + TextUtils::UUID_String());
+  fs::copy_file(source, staging, fs::copy_options::overwrite_existing, ec);
+  if (!ec) {
+    fs::rename(staging, target, ec);
+  }
+  if (ec) {
+    fs::remove(staging, ec);
+    return false;
+  }
+  fs::remove(source, ec);
+  return true;
+}
+
+bool FileUtils::removeFile(const std::string& path) {
+  if (path.empty()) {
+    return false;
+  }
+  std::error_code ec;
+  return fs::remove(toPath(path), ec) && !ec;
+}
+
+bool FileUtils::removeFiles(const std::string& directory, unsigned long long value) {
+  if (!directoryExists(directory)) {
+    return false;
+  }
+  struct Entry {
+    fs::path path;
+    fs::file_time_type modified;
+    std::uintmax_t size;
+  };
+  std::vector<Entry> entries;
+  unsigned long long total = 0;
+  std::error_code ec;
+  for (fs::directory_iterator it(toPath(directory), ec), end; !ec && it != end; it.increment(ec)) {
+    std::error_code entryError;
+    if (!it->is_regular_file(entryError)) {
+      continue;
+    }
+    const auto size = it->file_size(entryError);
+    const auto modified = it->last_write_time(entryError);
+    if (entryError) {
+      continue;  // vanished while we looked: nothing to count
+    }
+    entries.push_back({it->path(), modified, size});
+    total += size;
+  }
+  if (ec) {
+    return false;
+  }
+
+  std::sort(entries.begin(), entries.end(),
+            [](const Entry& a, const Entry& b) { return a.modified < b.modified; });
+  bool removedAll = true;
+  for (const auto& entry : entries) {
+    if (total <= value) {
+      break;
+    }
+    std::error_code removeError;
+    if (fs::remove(entry.path, removeError) || !fs::exists(entry.path, removeError)) {
+      total -= entry.size;
+    } else {
+      removedAll = false;
+    }
+  }
+  return removedAll && total <= value;
+}

@@ -1,0 +1,105 @@
+#include <quill_base/ImageUtils.h>
+
+#include <quill_base/FileUtils.h>
+#include <quill_base/Logger.h>
+#include <quill_base/TextUtils.h>
+
+#include <vips/vips.h>
+
+#include <mutex>
+#include <vector>
+
+namespace {
+
+bool initialiseVips() {
+  static std::once_flag once;
+  static bool ready = false;
+  std::call_once(once, [] {
+    if (VIPS_INIT("quill_base") != 0) {
+      QLOG_ERROR("libvips failed to start: " << vips_error_buffer());
+      vips_error_clear();
+      return;
+    }
+    // Avatars are rewritten under the same names; a cached operation could answer with old pixels.
+    vips_cache_set_max(0);
+    ready = true;
+  });
+  return ready;
+}
+
+// Owns one VipsImage reference.
+class ImageRef {
+public:
+  ImageRef() = default;
+  ImageRef(const ImageRef&) = delete;
+  ImageRef& operator=(const ImageRef&) = delete;
+  ~ImageRef() {
+    if (image != nullptr) {
+      g_object_unref(image);
+    }
+  }
+  VipsImage** out() { return &image; }
+  VipsImage* get() const { return image; }
+
+private:
+  VipsImage* image = nullptr;
+};
+
+std::string takeVipsError() {
+  std::string text = vips_error_buffer();
+  vips_error_clear();
+  while (!text.empty() && text.back() == '\n') {
+    text.pop_back();
+  }
+  return text;
+}
+
+}  // namespace
+
+bool ImageUtils::scaleImage(int size, const std::string& source, const std::string& target) {
+  if (size < 1 || source.empty() || target.empty() || !FileUtils::fileExists(source) ||
+      !initialiseVips()) {
+    return false;
+  }
+
+  // Shrink-on-load, orientation and colour management all happen inside vips_thumbnail; a
+  // truncated file must fail rather than come out with a grey lower half.
+  ImageRef thumbnail;
+  if (vips_thumbnail(source.c_str(), thumbnail.out(), size, "height", size, "fail_on",
+                     VIPS_FAIL_ON_TRUNCATED, nullptr) != 0) {
+    QLOG_WARN("cannot read image " << source << ": " << takeVipsError());
+    return false;
+  }
+
+  VipsImage* opaque = thumbnail.get();
+  ImageRef flattened;
+  if (vips_image_hasalpha(opaque)) {
+    const bool sixteenBit =
+        opaque->Type == VIPS_INTERPRETATION_RGB16 || opaque->Type == VIPS_INTERPRETATION_GREY16;
+    const double maxAlpha = sixteenBit ? 65535.0 : 255.0;
+    std::vector<double> white(static_cast<std::size_t>(opaque->Bands - 1), maxAlpha);
+    VipsArrayDouble* background =
+        vips_array_double_new(white.data(), static_cast<int>(white.size()));
+    const int failed = vips_flatten(opaque, flattened.out(), "background", background, "max_alpha",
+                                    maxAlpha, nullptr);
+    vips_area_unref(VIPS_AREA(background));
+    if (failed != 0) {
+      QLOG_WARN("cannot flatten image " << source << ": " << takeVipsError());
+      return false;
+    }
+    opaque = flattened.get();
+  }
+
+  const std::string staging = target + ".part-" + TextUtils::UUID_String();
+  if (vips_jpegsave(opaque, staging.c_str(), "Q", 85, "strip", TRUE, nullptr) != 0) {
+    QLOG_WARN("cannot scale image " << source << " to " << target << ": " << takeVipsError());
+    FileUtils::removeFile(staging);
+    return false;
+  }
+  if (!FileUtils::moveFile(staging, target)) {
+    QLOG_WARN("cannot move scaled image to " << target);
+    FileUtils::removeFile(staging);
+    return false;
+  }
+  return true;
+}

@@ -1,0 +1,84 @@
+#include <quill_base/TextUtils.h>
+
+#include <openssl/evp.h>
+#include <openssl/rand.h>
+
+#include <cstdint>
+#include <random>
+
+namespace {
+
+constexpr char kHexDigits[] = "0123456789abcdef";
+
+void appendHex(std::string& out, const unsigned char* bytes, std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) {
+    out.push_back(kHexDigits[bytes[i] >> 4]);
+    out.push_back(kHexDigits[bytes[i] & 0x0f]);
+  }
+}
+
+void secureRandomBytes(unsigned char* bytes, std::size_t count) {
+  if (RAND_bytes(bytes, static_cast<int>(count)) == 1) {
+    return;
+  }
+  // OpenSSL could not seed itself: fall back on the operating system's generator.
+  std::random_device device;
+  for (std::size_t i = 0; i < count; ++i) {
+    bytes[i] = static_cast<unsigned char>(device());
+  }
+}
+
+}  // namespace
+
+bool TextUtils::isEquals(const std::string& a, const std::string& b) {
+  return a == b;
+}
+
+bool TextUtils::hasPrefix(const std::string& text, const std::string& prefix) {
+  return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+void TextUtils::replaceAll(std::string& text, const std::string& from, const std::string& to) {
+  if (from.empty()) {
+    return;
+  }
+  std::string::size_type at = 0;
+  while ((at = text.find(from, at)) != std::string::npos) {
+    text.replace(at, from.size(), to);
+    at += to.size();
+  }
+}
+
+std::string TextUtils::hashString(const std::string& text) {
+  if (text.empty()) {
+    return {};
+  }
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  if (EVP_Digest(text.data(), text.size(), digest, &length, EVP_sha256(), nullptr) != 1) {
+    return {};
+  }
+  std::string hex;
+  hex.reserve(length * 2);
+  appendHex(hex, digest, length);
+  return hex;
+}
+
+std::string TextUtils::UUID_String() {
+  unsigned char bytes[16];
+  secureRandomBytes(bytes, sizeof bytes);
+  bytes[6] = static_cast<unsigned char>((bytes[6] & 0x0f) | 0x40);  // version 4
+  bytes[8] = static_cast<unsigned char>((bytes[8] & 0x3f) | 0x80);  // RFC 4122 variant
+  std::string uuid;
+  uuid.reserve(36);
+  appendHex(uuid, bytes, 4);
+  uuid.push_back('-');
+  appendHex(uuid, bytes + 4, 2);
+  uuid.push_back('-');
+  appendHex(uuid, bytes + 6, 2);
+  uuid.push_back('-');
+  appendHex(uuid, bytes + 8, 2);
+  uuid.push_back('-');
+  appendHex(uuid, bytes + 10, 6);
+  return uuid;
+}

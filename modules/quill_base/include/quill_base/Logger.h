@@ -1,0 +1,55 @@
+#pragma once
+
+#include <quill_base/quill_base_export.h>
+
+#include <log4cplus/logger.h>
+#include <log4cplus/loglevel.h>
+#include <log4cplus/tstring.h>
+
+#include <sstream>
+#include <string>
+
+// The one logger of the project. Console (stderr) output at INFO by default; the environment
+// variables QUILL_LOG_LEVEL (TRACE, DEBUG, INFO, WARN, ERROR, FATAL or OFF) and QUILL_LOG_FILE (a
+// file to append to instead of the console) override that when the library loads. Every line
+// carries the module path of the source ("modules/quill_base/SerialQueue"), the line and the full
+// function signature.
+class QUILL_BASE_EXPORT Logger {
+public:
+  static log4cplus::Logger m_logger;
+
+  // Replaces the logger's output with the console (stderr).
+  static void logToConsole();
+  // Replaces the logger's output with a file that is appended to; false when it cannot be opened.
+  static bool logToFile(const std::string& path);
+  // Sets the threshold by name (as QUILL_LOG_LEVEL); false and no change for an unknown name.
+  static bool setLevel(const std::string& levelName);
+
+  // "modules/quill_cloud/task/UploadTask" from a source path such as
+  // "modules/quill_cloud/task/UploadTask.cpp" or
+  // "/src/quill/modules/quill_cloud/task/UploadTask.cpp".
+  static std::string modulePath(const char* sourceFile);
+};
+
+#if defined(_MSC_VER)
+#define QUILL_FUNCTION_SIGNATURE __FUNCSIG__
+#else
+#define QUILL_FUNCTION_SIGNATURE __PRETTY_FUNCTION__
+#endif
+
+// Tests the level first, so that a disabled level costs one comparison and builds no message.
+#define QUILL_LOG_AT(level, message)                                                       \
+  do {                                                                                     \
+    if (::Logger::m_logger.isEnabledFor(level)) {                                          \
+      static const std::string quillModulePath_ = ::Logger::modulePath(__FILE__);          \
+      ::log4cplus::tostringstream quillLogStream_;                                         \
+      quillLogStream_ << message;                                                          \
+      ::Logger::m_logger.forcedLog(level, quillLogStream_.str(), quillModulePath_.c_str(), \
+                                   __LINE__, QUILL_FUNCTION_SIGNATURE);                    \
+    }                                                                                      \
+  } while (false)
+
+#define QLOG_DEBUG(message) QUILL_LOG_AT(::log4cplus::DEBUG_LOG_LEVEL, message)
+#define QLOG_INFO(message) QUILL_LOG_AT(::log4cplus::INFO_LOG_LEVEL, message)
+#define QLOG_WARN(message) QUILL_LOG_AT(::log4cplus::WARN_LOG_LEVEL, message)
+#define QLOG_ERROR(message) QUILL_LOG_AT(::log4cplus::ERROR_LOG_LEVEL, message)

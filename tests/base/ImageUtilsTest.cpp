@@ -1,0 +1,218 @@
+#include <quill_base/FileUtils.h>
+#include <quill_base/ImageUtils.h>
+
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+#include <vips/vips.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+
+using quill_test::TempDir;
+
+namespace {
+
+struct ImageDeleter {
+  void operator()(VipsImage* image) const { g_object_unref(image); }
+};
+using Image = std::unique_ptr<VipsImage, ImageDeleter>;
+
+Image adopt(VipsImage* image) {
+  return Image(image);
+}
+
+// A noisy sRGB image, so that encoders produce realistic amounts of data.
+Image makeNoise(int width, int height) {
+  EXPECT_EQ(VIPS_INIT("quill_base_tests"), 0);
+  VipsImage* noise = nullptr;
+  EXPECT_EQ(vips_gaussnoise(&noise, width, height, "mean", 128.0, "sigma", 40.0, nullptr), 0);
+  auto grey = adopt(noise);
+  VipsImage* joined = nullptr;
+  VipsImage* bands[] = {grey.get(), grey.get(), grey.get()};
+  EXPECT_EQ(vips_bandjoin(bands, &joined, 3, nullptr), 0);
+  auto rgb = adopt(joined);
+  VipsImage* cast = nullptr;
+  EXPECT_EQ(vips_cast_uchar(rgb.get(), &cast, nullptr), 0);
+  auto bytes = adopt(cast);
+  VipsImage* tagged = nullptr;
+  EXPECT_EQ(vips_copy(bytes.get(), &tagged, "interpretation", VIPS_INTERPRETATION_sRGB, nullptr),
+            0);
+  return adopt(tagged);
+}
+
+// A fully transparent black image with an alpha band.
+Image makeTransparent(int width, int height) {
+  EXPECT_EQ(VIPS_INIT("quill_base_tests"), 0);
+  VipsImage* black = nullptr;
+  EXPECT_EQ(vips_black(&black, width, height, "bands", 4, nullptr), 0);
+  auto rgba = adopt(black);
+  VipsImage* cast = nullptr;
+  EXPECT_EQ(vips_cast_uchar(rgba.get(), &cast, nullptr), 0);
+  auto bytes = adopt(cast);
+  VipsImage* tagged = nullptr;
+  EXPECT_EQ(vips_copy(bytes.get(), &tagged, "interpretation", VIPS_INTERPRETATION_sRGB, nullptr),
+            0);
+  return adopt(tagged);
+}
+
+struct Size {
+  int width;
+  int height;
+};
+
+Size sizeOf(const std::string& path) {
+  auto image = adopt(vips_image_new_from_file(path.c_str(), nullptr));
+  if (!image) {
+    ADD_FAILURE() << "cannot read back " << path;
+    return {0, 0};
+  }
+  return {vips_image_get_width(image.get()), vips_image_get_height(image.get())};
+}
+
+bool isJpeg(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  unsigned char magic[3] = {};
+  in.read(reinterpret_cast<char*>(magic), 3);
+  return in && magic[0] == 0xFF && magic[1] == 0xD8 && magic[2] == 0xFF;
+}
+
+bool onlyFileIn(const std::string& directory, const std::string& name) {
+  int count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+    ++count;
+    if (entry.path().filename() != name) {
+      return false;
+    }
+  }
+  return count == 1;
+}
+
+}  // namespace
+
+TEST(ImageUtils, ScalesAJpegWithinTheBoxKeepingTheAspectRatio) {
+  TempDir dir;
+  const auto source = dir.file("photo.jpg");
+  ASSERT_EQ(vips_jpegsave(makeNoise(1600, 1200).get(), source.c_str(), nullptr), 0);
+  FileUtils::makeDirectory(dir.file("out"));
+  const auto target = dir.file("out/avatar.jpg");
+
+  ASSERT_TRUE(ImageUtils::scaleImage(200, source, target));
+  EXPECT_TRUE(isJpeg(target));
+  const auto size = sizeOf(target);
+  EXPECT_EQ(size.width, 200);
+  EXPECT_EQ(size.height, 150);
+  EXPECT_TRUE(onlyFileIn(dir.file("out"), "avatar.jpg")) << "no temporary file left behind";
+}
+
+TEST(ImageUtils, ScalesAPngAndFlattensTransparencyOntoWhite) {
+  TempDir dir;
+  const auto source = dir.file("clear.png");
+  ASSERT_EQ(vips_pngsave(makeTransparent(300, 600).get(), source.c_str(), nullptr), 0);
+  const auto target = dir.file("avatar.jpg");
+
+  ASSERT_TRUE(ImageUtils::scaleImage(200, source, target));
+  EXPECT_TRUE(isJpeg(target));
+  auto result = adopt(vips_image_new_from_file(target.c_str(), nullptr));
+  ASSERT_TRUE(result);
+  EXPECT_EQ(vips_image_get_width(result.get()), 100);
+  EXPECT_EQ(vips_image_get_height(result.get()), 200);
+  EXPECT_EQ(vips_image_get_bands(result.get()), 3);
+  double average = 0;
+  ASSERT_EQ(vips_avg(result.get(), &average, nullptr), 0);
+  EXPECT_GT(average, 250.0) << "transparent pixels become white, not black";
+}
+
+TEST(ImageUtils, ScalesAWebp) {
+  TempDir dir;
+  const auto source = dir.file("picture.webp");
+  ASSERT_EQ(vips_webpsave(makeNoise(1000, 500).get(), source.c_str(), nullptr), 0);
+  const auto target = dir.file("avatar.jpg");
+  ASSERT_TRUE(ImageUtils::scaleImage(200, source, target));
+  EXPECT_TRUE(isJpeg(target));
+  const auto size = sizeOf(target);
+  EXPECT_EQ(size.width, 200);
+  EXPECT_EQ(size.height, 100);
+}
+
+TEST(ImageUtils, EnlargesASmallImageToTheBox) {
+  TempDir dir;
+  const auto source = dir.file("small.png");
+  ASSERT_EQ(vips_pngsave(makeNoise(50, 40).get(), source.c_str(), nullptr), 0);
+  const auto target = dir.file("avatar.jpg");
+  ASSERT_TRUE(ImageUtils::scaleImage(200, source, target));
+  const auto size = sizeOf(target);
+  EXPECT_EQ(size.width, 200);
+  EXPECT_EQ(size.height, 160);
+}
+
+TEST(ImageUtils, AppliesTheExifOrientation) {
+  TempDir dir;
+  const auto source = dir.file("rotated.jpg");
+  auto image = makeNoise(400, 200);
+  VipsImage* copy = nullptr;
+  ASSERT_EQ(vips_copy(image.get(), &copy, nullptr), 0);
+  auto oriented = adopt(copy);
+  vips_image_set_int(oriented.get(), VIPS_META_ORIENTATION, 6);  // stored sideways
+  ASSERT_EQ(vips_jpegsave(oriented.get(), source.c_str(), nullptr), 0);
+  ASSERT_EQ(sizeOf(source).width, 400);
+
+  const auto target = dir.file("avatar.jpg");
+  ASSERT_TRUE(ImageUtils::scaleImage(200, source, target));
+  const auto size = sizeOf(target);
+  EXPECT_EQ(size.width, 100);
+  EXPECT_EQ(size.height, 200);
+}
+
+TEST(ImageUtils, RefusesATruncatedJpeg) {
+  TempDir dir;
+  const auto source = dir.file("cut.jpg");
+  ASSERT_EQ(vips_jpegsave(makeNoise(1200, 900).get(), source.c_str(), nullptr), 0);
+  const auto fullSize = std::filesystem::file_size(source);
+  std::filesystem::resize_file(source, fullSize / 2);
+  const auto target = dir.file("avatar.jpg");
+
+  EXPECT_FALSE(ImageUtils::scaleImage(200, source, target));
+  EXPECT_FALSE(FileUtils::fileExists(target));
+  EXPECT_TRUE(onlyFileIn(dir.path(), "cut.jpg")) << "no temporary file left behind";
+}
+
+TEST(ImageUtils, RefusesWhatIsNotAnImage) {
+  TempDir dir;
+  const auto text = dir.file("notes.jpg");
+  std::ofstream(text) << "this is not an image at all\n";
+  const auto target = dir.file("avatar.jpg");
+  EXPECT_FALSE(ImageUtils::scaleImage(200, text, target));
+  EXPECT_FALSE(ImageUtils::scaleImage(200, dir.file("missing.png"), target));
+  const auto empty = dir.file("empty.png");
+  std::ofstream(empty).flush();
+  EXPECT_FALSE(ImageUtils::scaleImage(200, empty, target));
+  EXPECT_FALSE(FileUtils::fileExists(target));
+}
+
+TEST(ImageUtils, RefusesABadSizeOrTarget) {
+  TempDir dir;
+  const auto source = dir.file("photo.png");
+  ASSERT_EQ(vips_pngsave(makeNoise(64, 64).get(), source.c_str(), nullptr), 0);
+  EXPECT_FALSE(ImageUtils::scaleImage(0, source, dir.file("a.jpg")));
+  EXPECT_FALSE(ImageUtils::scaleImage(-5, source, dir.file("a.jpg")));
+  EXPECT_FALSE(ImageUtils::scaleImage(200, source, ""));
+  EXPECT_FALSE(ImageUtils::scaleImage(200, source, dir.file("no/such/dir/a.jpg")));
+  EXPECT_TRUE(onlyFileIn(dir.path(), "photo.png"));
+}
+
+TEST(ImageUtils, ReplacesAnExistingTargetWithTheNewPicture) {
+  TempDir dir;
+  const auto wide = dir.file("wide.png");
+  const auto tall = dir.file("tall.png");
+  ASSERT_EQ(vips_pngsave(makeNoise(400, 100).get(), wide.c_str(), nullptr), 0);
+  ASSERT_EQ(vips_pngsave(makeNoise(100, 400).get(), tall.c_str(), nullptr), 0);
+  const auto target = dir.file("avatar.jpg");
+  ASSERT_TRUE(ImageUtils::scaleImage(200, wide, target));
+  EXPECT_EQ(sizeOf(target).width, 200);
+  // The same names again with other pixels: no cached result may come back.
+  std::filesystem::rename(tall, wide);
+  ASSERT_TRUE(ImageUtils::scaleImage(200, wide, target));
+  EXPECT_EQ(sizeOf(target).width, 50);
+}

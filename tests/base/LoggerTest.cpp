@@ -1,0 +1,87 @@
+#include <quill_base/Logger.h>
+
+#include "LogCapture.h"
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+using quill_test::LogCapture;
+
+TEST(Logger, CapturesTextLevelModulePathLineAndSignature) {
+  LogCapture logs;
+  const int line = __LINE__ + 1;
+  QLOG_WARN("retry download image " << -100 << ","
+                                    << "http://host/a.png");
+
+  const auto lines = logs.lines();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].level, log4cplus::WARN_LOG_LEVEL);
+  EXPECT_EQ(lines[0].message, "retry download image -100,http://host/a.png");
+  EXPECT_EQ(lines[0].file, "tests/base/LoggerTest");
+  EXPECT_EQ(lines[0].line, line);
+  EXPECT_NE(lines[0].function.find("TestBody"), std::string::npos) << lines[0].function;
+}
+
+TEST(Logger, EachMacroLogsAtItsLevel) {
+  LogCapture logs;
+  QLOG_DEBUG("d");
+  QLOG_INFO("i");
+  QLOG_WARN("w");
+  QLOG_ERROR("e");
+  EXPECT_TRUE(logs.contains(log4cplus::DEBUG_LOG_LEVEL, "d"));
+  EXPECT_TRUE(logs.contains(log4cplus::INFO_LOG_LEVEL, "i"));
+  EXPECT_TRUE(logs.contains(log4cplus::WARN_LOG_LEVEL, "w"));
+  EXPECT_TRUE(logs.contains(log4cplus::ERROR_LOG_LEVEL, "e"));
+}
+
+TEST(Logger, DisabledLevelsBuildNoMessage) {
+  LogCapture logs(log4cplus::WARN_LOG_LEVEL);
+  int evaluated = 0;
+  auto expensive = [&] {
+    ++evaluated;
+    return "x";
+  };
+  QLOG_DEBUG(expensive());
+  QLOG_INFO(expensive());
+  QLOG_ERROR(expensive());
+  EXPECT_EQ(evaluated, 1);
+  EXPECT_EQ(logs.lines().size(), 1u);
+}
+
+TEST(Logger, SetLevelByName) {
+  LogCapture logs;
+  EXPECT_TRUE(Logger::setLevel("error"));
+  QLOG_WARN("hidden");
+  QLOG_ERROR("shown");
+  EXPECT_FALSE(Logger::setLevel("loud"));
+  EXPECT_EQ(Logger::m_logger.getLogLevel(), log4cplus::ERROR_LOG_LEVEL);
+  EXPECT_EQ(logs.count("hidden"), 0);
+  EXPECT_EQ(logs.count("shown"), 1);
+}
+
+TEST(Logger, ModulePathDropsTheExtensionAndTheCheckoutPrefix) {
+  EXPECT_EQ(Logger::modulePath("modules/quill_cloud/task/UploadTask.cpp"),
+            "modules/quill_cloud/task/UploadTask");
+  EXPECT_EQ(Logger::modulePath("/home/me/src/quill/modules/quill_base/SerialQueue.cpp"),
+            "modules/quill_base/SerialQueue");
+  EXPECT_EQ(Logger::modulePath("C:\\src\\quill\\modules\\quill_cloud\\AvatarManager.cpp"),
+            "modules/quill_cloud/AvatarManager");
+  EXPECT_EQ(Logger::modulePath("tools/x.dir/main.cc"), "tools/x.dir/main");
+  EXPECT_EQ(Logger::modulePath(nullptr), "");
+}
+
+TEST(Logger, WritesToAFileWhenAsked) {
+  quill_test::TempDir dir;
+  const auto path = dir.file("quill.log");
+  ASSERT_TRUE(Logger::logToFile(path));
+  QLOG_ERROR("to the file");
+  Logger::logToConsole();
+  std::ifstream in(path);
+  const std::string text((std::istreambuf_iterator<char>(in)), {});
+  EXPECT_NE(text.find("ERROR"), std::string::npos) << text;
+  EXPECT_NE(text.find("tests/base/LoggerTest:"), std::string::npos) << text;
+  EXPECT_NE(text.find(" - to the file"), std::string::npos) << text;
+  EXPECT_FALSE(Logger::logToFile(dir.file("no/such/dir/quill.log")));
+}
