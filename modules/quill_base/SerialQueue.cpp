@@ -142,13 +142,15 @@ void SerialQueue::dispatch(std::function<void()> task) {
   if (!task) {
     return;
   }
-  {
-    std::lock_guard<std::mutex> lock(state->mutex);
-    if (state->stopping) {
-      return;  // `task` is destroyed after the lock is released
-    }
-    state->tasks.push_back(std::move(task));
+  std::function<void()> refused;
+  // Notified under the lock: the closure may release the last owner of this queue as soon as the
+  // worker can take it, so nothing of the queue is touched once the lock is released.
+  std::lock_guard<std::mutex> lock(state->mutex);
+  if (state->stopping) {
+    refused = std::move(task);  // destroyed after the lock is released
+    return;
   }
+  state->tasks.push_back(std::move(task));
   state->wake.notify_one();
 }
 
@@ -158,17 +160,14 @@ SerialQueue::TimerId SerialQueue::startTimer(std::uint64_t intervalMs,
     return 0;
   }
   auto shared = std::make_shared<std::function<void(TimerId)>>(std::move(tick));
-  TimerId id = 0;
-  {
-    std::lock_guard<std::mutex> lock(state->mutex);
-    if (state->stopping) {
-      return 0;
-    }
-    id = ++state->lastTimerId;
-    const auto due = Clock::now() + std::chrono::milliseconds(intervalMs);
-    state->timers.emplace(id, State::Timer{intervalMs, std::move(shared), due});
-    state->dueOrder.emplace(due, id);
+  std::lock_guard<std::mutex> lock(state->mutex);
+  if (state->stopping) {
+    return 0;
   }
+  const TimerId id = ++state->lastTimerId;
+  const auto due = Clock::now() + std::chrono::milliseconds(intervalMs);
+  state->timers.emplace(id, State::Timer{intervalMs, std::move(shared), due});
+  state->dueOrder.emplace(due, id);
   state->wake.notify_one();
   return id;
 }
@@ -181,9 +180,8 @@ void SerialQueue::stopTimer(TimerId id) {
     released = std::move(it->second.tick);
     state->timers.erase(it);
   }
-  // A stopped timer's entry in dueOrder is skipped by the worker; no need to wake it.
-  // `released` must outlive the lock guard only if it is the last reference: declared first, so it
-  // is destroyed after the guard releases the mutex.
+  // The worker skips a stopped timer's entry in dueOrder, so it need not be woken. `released`,
+  // declared before the guard, destroys the tick function after the mutex is unlocked.
 }
 
 bool SerialQueue::isCurrentQueue() const {

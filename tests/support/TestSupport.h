@@ -36,11 +36,10 @@ private:
 // Counts events from any thread and lets a test wait, with a timeout, until enough have happened.
 class EventCounter {
 public:
+  // Notifies under the lock: a waiter that sees the count may destroy the counter right away.
   void add(int n = 1) {
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      count += n;
-    }
+    std::lock_guard<std::mutex> lock(mutex);
+    count += n;
     changed.notify_all();
   }
   int value() const {
