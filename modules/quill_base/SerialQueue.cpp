@@ -103,7 +103,10 @@ void SerialQueue::State::run() {
     if (dueOrder.empty()) {
       wake.wait(lock);
     } else {
-      wake.wait_until(lock, dueOrder.top().first);
+      // A copy: wait_until reads its deadline again after waking, and startTimer may have grown
+      // dueOrder's storage in the meantime.
+      const auto nextDue = dueOrder.top().first;
+      wake.wait_until(lock, nextDue);
     }
   }
 
