@@ -17,6 +17,8 @@ function(quill_target_settings target)
     target_compile_options(${target} PRIVATE -O1 -fsanitize=${QUILL_SANITIZE} -fno-omit-frame-pointer
                                              -fno-sanitize-recover=all)
     target_link_options(${target} PRIVATE -fsanitize=${QUILL_SANITIZE})
+    # Tests scale down sizes and skip memory ceilings that sanitizer overhead would distort.
+    target_compile_definitions(${target} PRIVATE QUILL_SANITIZER_BUILD=1)
   endif()
 endfunction()
 
@@ -50,5 +52,6 @@ function(quill_add_module name)
     PRIVATE
       "${CMAKE_CURRENT_SOURCE_DIR}")
   target_link_libraries(${name} PUBLIC ${ARG_PUBLIC_DEPS} PRIVATE ${ARG_PRIVATE_DEPS})
+  target_compile_definitions(${name} PRIVATE QUILL_VERSION="${PROJECT_VERSION}")
   set_property(GLOBAL APPEND PROPERTY QUILL_MODULES ${name})
 endfunction()

@@ -37,11 +37,17 @@ public:
 #define QUILL_FUNCTION_SIGNATURE __PRETTY_FUNCTION__
 #endif
 
+// The source named in log lines. A file that is one of several parts of one module may name the
+// module instead, by defining QUILL_LOG_SOURCE before it includes this header.
+#ifndef QUILL_LOG_SOURCE
+#define QUILL_LOG_SOURCE __FILE__
+#endif
+
 // Tests the level first, so that a disabled level costs one comparison and builds no message.
 #define QUILL_LOG_AT(level, message)                                                       \
   do {                                                                                     \
     if (::Logger::m_logger.isEnabledFor(level)) {                                          \
-      static const std::string quillModulePath_ = ::Logger::modulePath(__FILE__);          \
+      static const std::string quillModulePath_ = ::Logger::modulePath(QUILL_LOG_SOURCE);  \
       ::log4cplus::tostringstream quillLogStream_;                                         \
       quillLogStream_ << message;                                                          \
       ::Logger::m_logger.forcedLog(level, quillLogStream_.str(), quillModulePath_.c_str(), \

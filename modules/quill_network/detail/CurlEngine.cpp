@@ -1,0 +1,246 @@
+#include "detail/CurlEngine.h"
+
+#include "detail/CurlGlobal.h"
+
+#include <quill_base/FileUtils.h>
+#include <quill_base/Logger.h>
+
+#include <algorithm>
+#include <exception>
+#include <new>
+#include <stdexcept>
+
+namespace quill_network_detail {
+namespace {
+
+// The longest the network thread sleeps without news; libcurl wakes it sooner for its own timers.
+constexpr int kMaxPollMs = 1000;
+
+}  // namespace
+
+CurlEngine::CurlEngine() {
+  if (!ensureCurlGlobalInit()) {
+    throw std::runtime_error("libcurl could not be initialised");
+  }
+  share.reset(curl_share_init());
+  multi.reset(curl_multi_init());
+  if (!share || !multi) {
+    throw std::bad_alloc();
+  }
+  // Only the network thread uses the share handle, so it needs no lock functions.
+  curl_share_setopt(share.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+  worker = std::thread([this] { run(); });
+}
+
+CurlEngine::~CurlEngine() {
+  shutdown();
+}
+
+void CurlEngine::start(const std::string& id, TransferSpec spec) {
+  QueuedStart queued{id, std::move(spec), TransferSettings::fromEnvironment()};
+  std::lock_guard<std::mutex> lock(mutex);
+  if (stopping) {
+    return;  // `queued` and the caller's functions go when this returns, outside the lock
+  }
+  liveIds.insert(id);
+  queuedStarts.push_back(std::move(queued));
+  curl_multi_wakeup(multi.get());
+}
+
+void CurlEngine::cancel(const std::string& id) {
+  std::lock_guard<std::mutex> lock(mutex);
+  if (stopping || liveIds.count(id) == 0) {
+    return;
+  }
+  queuedCancels.push_back(id);
+  curl_multi_wakeup(multi.get());
+}
+
+void CurlEngine::shutdown() {
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!stopping) {
+      stopping = true;
+      quiet.store(true);
+      curl_multi_wakeup(multi.get());
+    }
+  }
+  std::lock_guard<std::mutex> lock(joinMutex);
+  if (!worker.joinable()) {
+    return;
+  }
+  if (worker.get_id() == std::this_thread::get_id()) {
+    // A function of the caller's ended the process from the network thread: nothing runs on
+    // this thread after it, and it cannot wait for itself.
+    worker.detach();
+  } else {
+    worker.join();
+  }
+}
+
+void CurlEngine::run() {
+  QLOG_DEBUG("network thread started");
+  try {
+    while (true) {
+      std::vector<QueuedStart> starts;
+      std::vector<std::string> cancels;
+      {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (stopping) {
+          break;
+        }
+        starts.swap(queuedStarts);
+        cancels.swap(queuedCancels);
+      }
+      handleQueued(std::move(starts), std::move(cancels));
+      int running = 0;
+      const CURLMcode performed = curl_multi_perform(multi.get(), &running);
+      if (performed != CURLM_OK) {
+        QLOG_ERROR("curl_multi_perform failed: " << curl_multi_strerror(performed));
+      }
+      collectFinished();
+      const CURLMcode polled = curl_multi_poll(multi.get(), nullptr, 0, kMaxPollMs, nullptr);
+      if (polled != CURLM_OK) {
+        QLOG_ERROR("curl_multi_poll failed: " << curl_multi_strerror(polled));
+      }
+    }
+  } catch (const std::exception& error) {
+    QLOG_ERROR("network thread stopped: " << error.what());
+  }
+  abandonAll();
+}
+
+void CurlEngine::handleQueued(std::vector<QueuedStart> starts, std::vector<std::string> cancels) {
+  // A cancel that meets its transfer still queued ends it before it ever reaches libcurl.
+  for (auto cancelled = cancels.begin(); cancelled != cancels.end();) {
+    auto queued = std::find_if(starts.begin(), starts.end(),
+                               [&](const QueuedStart& start) { return start.id == *cancelled; });
+    if (queued == starts.end()) {
+      ++cancelled;
+      continue;
+    }
+    QueuedStart start = std::move(*queued);
+    starts.erase(queued);
+    cancelled = cancels.erase(cancelled);
+    if (start.spec.kind == TransferSpec::Kind::Download) {
+      FileUtils::removeFile(start.spec.path);
+    }
+    auto response = std::make_shared<HttpResponse>();
+    response->outcome = HttpResponse::kCancelled;
+    response->text = "cancelled";
+    complete(start.id, start.spec.completion, response);
+  }
+  for (QueuedStart& start : starts) {
+    launch(std::move(start));
+  }
+  for (const std::string& id : cancels) {
+    cancelActive(id);
+  }
+}
+
+void CurlEngine::launch(QueuedStart queued) {
+  auto transfer = std::make_unique<CurlTransfer>(queued.id, std::move(queued.spec),
+                                                 std::move(queued.settings), quiet);
+  std::shared_ptr<HttpResponse> failure;
+  if (!transfer->prepare(share.get())) {
+    failure = transfer->failedToStart();
+  } else if (const CURLMcode added = curl_multi_add_handle(multi.get(), transfer->handle());
+             added != CURLM_OK) {
+    failure = std::make_shared<HttpResponse>();
+    failure->text =
+        std::string("libcurl could not start the transfer: ") + curl_multi_strerror(added);
+  }
+  if (failure) {
+    QLOG_WARN("transfer " << queued.id << " could not start: " << failure->text);
+    auto completion = transfer->takeCompletion();
+    transfer.reset();
+    complete(queued.id, completion, failure);
+    return;
+  }
+  QLOG_DEBUG("transfer " << queued.id << " started");
+  active.emplace(queued.id, std::move(transfer));
+}
+
+void CurlEngine::cancelActive(const std::string& id) {
+  auto found = active.find(id);
+  if (found == active.end()) {
+    return;  // finished meanwhile: its completion has been called already
+  }
+  std::unique_ptr<CurlTransfer> transfer = std::move(found->second);
+  active.erase(found);
+  curl_multi_remove_handle(multi.get(), transfer->handle());
+  auto response = transfer->cancel();
+  auto completion = transfer->takeCompletion();
+  transfer.reset();
+  QLOG_DEBUG("transfer " << id << " cancelled");
+  complete(id, completion, response);
+}
+
+void CurlEngine::collectFinished() {
+  int left = 0;
+  while (CURLMsg* message = curl_multi_info_read(multi.get(), &left)) {
+    if (message->msg != CURLMSG_DONE) {
+      continue;
+    }
+    // The message belongs to the handle and goes with it: copy what is needed first.
+    CURL* easy = message->easy_handle;
+    const CURLcode result = message->data.result;
+    char* context = nullptr;
+    curl_easy_getinfo(easy, CURLINFO_PRIVATE, &context);
+    auto* finished = reinterpret_cast<CurlTransfer*>(context);
+    curl_multi_remove_handle(multi.get(), easy);
+    auto found = active.find(finished->id());
+    if (found == active.end() || found->second.get() != finished) {
+      QLOG_ERROR("libcurl reported a transfer the engine does not know");
+      continue;
+    }
+    std::unique_ptr<CurlTransfer> transfer = std::move(found->second);
+    active.erase(found);
+    const std::string id = transfer->id();
+    auto response = transfer->finish(result);
+    auto completion = transfer->takeCompletion();
+    transfer.reset();
+    complete(id, completion, response);
+  }
+}
+
+void CurlEngine::complete(const std::string& id, const HttpClient::CompletionFunction& completion,
+                          const std::shared_ptr<HttpResponse>& response) {
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    liveIds.erase(id);
+  }
+  if (!completion || quiet.load()) {
+    return;
+  }
+  try {
+    completion(response);
+  } catch (const std::exception& error) {
+    QLOG_ERROR("completion function of " << id << " threw: " << error.what());
+  } catch (...) {
+    QLOG_ERROR("completion function of " << id << " threw");
+  }
+}
+
+void CurlEngine::abandonAll() {
+  for (auto& entry : active) {
+    curl_multi_remove_handle(multi.get(), entry.second->handle());
+  }
+  // Each transfer removes its partial download file as it goes. Swapping with empty containers
+  // gives their memory back too: the engine object itself is never destroyed.
+  std::unordered_map<std::string, std::unique_ptr<CurlTransfer>>().swap(active);
+  std::vector<QueuedStart> starts;
+  std::vector<std::string> cancels;
+  std::unordered_set<std::string> ids;
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    starts.swap(queuedStarts);
+    cancels.swap(queuedCancels);
+    ids.swap(liveIds);
+  }
+  // Nobody wakes the multi handle any more: every other thread saw `stopping` under the lock.
+  multi.reset();
+  share.reset();
+}
+
+}  // namespace quill_network_detail

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <quill_network/detail/HttpTransport.h>
+
+#include "detail/CurlHandles.h"
+#include "detail/CurlTransfer.h"
+#include "detail/TransferSettings.h"
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+namespace quill_network_detail {
+
+// The libcurl engine: one multi handle driven by one network thread, which runs every transfer,
+// calls every progress and completion function, and is the only thread that touches an easy
+// handle. Other threads only queue work (start, cancel) and wake the thread with
+// curl_multi_wakeup. The multi handle keeps connections (and so TLS and HTTP/2 sessions) open for
+// reuse, its resolver cache serves every transfer, and a share handle lets TLS sessions resume
+// across connections.
+//
+// Completion is called exactly once for every transfer that ends before shutdown(): with the
+// result, or with outcome 1 after cancel(), whether the transfer was running or still queued.
+//
+// shutdown() stops the thread and abandons the transfers in flight: their completion functions are
+// not called (at process exit the objects they refer to may already be gone), partial download
+// files are removed. Transfers started afterwards are dropped the same way.
+class CurlEngine final : public HttpTransport {
+public:
+  CurlEngine();
+  ~CurlEngine() override;
+  CurlEngine(const CurlEngine&) = delete;
+  CurlEngine& operator=(const CurlEngine&) = delete;
+
+  void start(const std::string& id, TransferSpec spec) override;
+  void cancel(const std::string& id) override;
+
+  // Stops and joins the network thread (from the network thread itself: lets it go without
+  // waiting). Safe to call more than once and from any thread.
+  void shutdown();
+
+private:
+  struct QueuedStart {
+    std::string id;
+    TransferSpec spec;
+    TransferSettings settings;
+  };
+
+  void run();
+  void handleQueued(std::vector<QueuedStart> starts, std::vector<std::string> cancels);
+  void launch(QueuedStart queued);
+  void cancelActive(const std::string& id);
+  void collectFinished();
+  void complete(const std::string& id, const HttpClient::CompletionFunction& completion,
+                const std::shared_ptr<HttpResponse>& response);
+  void abandonAll();
+
+  // Set once shutdown begins; read lock-free by the transfers to stop calling the caller's
+  // functions.
+  std::atomic<bool> quiet{false};
+
+  std::mutex mutex;
+  bool stopping = false;  // under mutex: no more wakeups once the network thread has seen it
+  std::vector<QueuedStart> queuedStarts;
+  std::vector<std::string> queuedCancels;
+  std::unordered_set<std::string> liveIds;  // started and not yet completed
+
+  ShareHandle share;
+  MultiHandle multi;
+  // The network thread's own: every transfer that was added to the multi handle.
+  std::unordered_map<std::string, std::unique_ptr<CurlTransfer>> active;
+  std::mutex joinMutex;  // one joiner at a time
+  std::thread worker;
+};
+
+}  // namespace quill_network_detail

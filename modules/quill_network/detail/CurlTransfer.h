@@ -1,0 +1,96 @@
+#pragma once
+
+#include <quill_network/detail/HttpTransport.h>
+
+#include "detail/CurlHandles.h"
+#include "detail/DownloadFile.h"
+#include "detail/ProgressThrottle.h"
+#include "detail/TransferSettings.h"
+#include "detail/UploadFile.h"
+
+#include <curl/curl.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+
+namespace quill_network_detail {
+
+// One transfer on the engine: the easy handle built from the caller's spec, the files it reads or
+// writes, and what its callbacks gather for the response. Lives on the network thread only. Its
+// address is the easy handle's CURLINFO_PRIVATE, so the engine finds it from a finished handle.
+//
+// The owner removes the easy handle from the multi handle before destroying the transfer. A
+// transfer destroyed before finish() reported success removes its partial download file.
+class CurlTransfer {
+public:
+  // `quiet` tells that the engine is shutting down: the caller's functions are no longer called.
+  CurlTransfer(std::string id, TransferSpec spec, TransferSettings settings,
+               const std::atomic<bool>& quiet);
+  CurlTransfer(const CurlTransfer&) = delete;
+  CurlTransfer& operator=(const CurlTransfer&) = delete;
+
+  // Builds the easy handle (sharing TLS sessions through `share`) and opens the files. False when
+  // the transfer cannot start; failedToStart() then describes why.
+  bool prepare(CURLSH* share);
+  std::shared_ptr<HttpResponse> failedToStart() const;
+
+  // The response for the result libcurl reported; on success the final progress report is made.
+  std::shared_ptr<HttpResponse> finish(CURLcode result);
+  // The response of a transfer ended by cancelRequest(); the partial download file is removed.
+  std::shared_ptr<HttpResponse> cancel();
+
+  // The completion function, moved out so it can run after the transfer is gone.
+  HttpClient::CompletionFunction takeCompletion() { return std::move(spec.completion); }
+
+  const std::string& id() const { return transferId; }
+  CURL* handle() const { return easy.get(); }
+
+private:
+  static std::size_t onWrite(char* data, std::size_t size, std::size_t count, void* self);
+  static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* self);
+  static int onProgress(void* self, curl_off_t downloadTotal, curl_off_t downloaded,
+                        curl_off_t uploadTotal, curl_off_t uploaded);
+
+  bool setCommonOptions(CURLSH* share);
+  bool setKindOptions();
+  bool buildMultipart();
+  bool setHeaders();
+  long responseCode() const;
+  std::string describeFailure(CURLcode result) const;
+  // True once `moved` (bytes sent and received) has not changed for the stall guard's time.
+  bool stalled(curl_off_t moved);
+  void reportProgress(double done, double total);
+  void reportFinalProgress();
+  bool isDownload() const { return spec.kind == TransferSpec::Kind::Download; }
+
+  std::string transferId;
+  TransferSpec spec;
+  TransferSettings settings;
+  const std::atomic<bool>& quiet;
+
+  std::unique_ptr<DownloadFile> download;
+  std::unique_ptr<UploadFile> upload;
+  std::string formBody;
+  // Reply body of a successful post or upload, at most kMaxReplyBody bytes of it.
+  std::string replyBody;
+  // The last status line received ("HTTP/1.1 404 Not Found").
+  std::string statusLine;
+  // Why the transfer failed on this side (a file error), when it did.
+  std::string localError;
+  char errorBuffer[CURL_ERROR_SIZE] = {};
+  // Content-Length of the successful reply of a download; -1 when unknown.
+  curl_off_t downloadLength = -1;
+  curl_off_t uploadLength = 0;
+  ProgressThrottle throttle;
+  curl_off_t lastMoved = 0;
+  std::chrono::steady_clock::time_point lastMovement;
+
+  // Declared last so that the easy handle goes first, before the lists and files it points to.
+  HeaderList headers;
+  MimeHandle mime;
+  EasyHandle easy;
+};
+
+}  // namespace quill_network_detail

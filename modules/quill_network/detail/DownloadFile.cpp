@@ -1,0 +1,97 @@
+#include "detail/DownloadFile.h"
+
+#include <quill_base/FileUtils.h>
+#include <quill_base/Logger.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace quill_network_detail {
+
+DownloadFile::DownloadFile(std::string path, std::size_t chunkBytes)
+    : path(std::move(path)), chunkBytes(chunkBytes) {}
+
+DownloadFile::~DownloadFile() {
+  if (!committed) {
+    discard();
+  }
+}
+
+bool DownloadFile::open() {
+  file = std::fopen(path.c_str(), "wb");
+  if (file == nullptr) {
+    lastError = "cannot open " + path + " for writing: " + std::strerror(errno);
+    return false;
+  }
+  // The chunks are the buffer; a second one in stdio would only copy the bytes once more.
+  std::setvbuf(file, nullptr, _IONBF, 0);
+  return true;
+}
+
+bool DownloadFile::write(const char* data, std::size_t size) {
+  if (file == nullptr) {
+    lastError = "the download file " + path + " is not open";
+    return false;
+  }
+  if (pending.size() + size > chunkBytes && !flush()) {
+    return false;
+  }
+  if (size >= chunkBytes) {
+    if (std::fwrite(data, 1, size, file) != size) {
+      lastError = "writing " + path + " failed: " + std::strerror(errno);
+      return false;
+    }
+  } else {
+    if (pending.capacity() < chunkBytes) {
+      pending.reserve(chunkBytes);
+    }
+    pending.insert(pending.end(), data, data + size);
+  }
+  total += size;
+  return true;
+}
+
+bool DownloadFile::flush() {
+  if (pending.empty()) {
+    return true;
+  }
+  const bool written = std::fwrite(pending.data(), 1, pending.size(), file) == pending.size();
+  if (!written) {
+    lastError = "writing " + path + " failed: " + std::strerror(errno);
+  }
+  pending.clear();
+  return written;
+}
+
+bool DownloadFile::commit() {
+  if (file == nullptr) {
+    lastError = "the download file " + path + " is not open";
+    return false;
+  }
+  const bool flushed = flush();
+  const bool closed = std::fclose(file) == 0;
+  file = nullptr;
+  if (flushed && !closed) {
+    lastError = "closing " + path + " failed: " + std::strerror(errno);
+  }
+  committed = flushed && closed;
+  if (!committed) {
+    FileUtils::removeFile(path);
+  }
+  return committed;
+}
+
+void DownloadFile::discard() {
+  if (file != nullptr) {
+    std::fclose(file);
+    file = nullptr;
+  }
+  pending.clear();
+  pending.shrink_to_fit();
+  committed = false;
+  if (FileUtils::fileExists(path) && !FileUtils::removeFile(path)) {
+    QLOG_WARN("could not remove the unfinished download " << path);
+  }
+}
+
+}  // namespace quill_network_detail

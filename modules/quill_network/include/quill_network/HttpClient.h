@@ -1,0 +1,52 @@
+#pragma once
+
+#include <quill_network/HttpPartData.h>
+#include <quill_network/HttpRequest.h>
+#include <quill_network/HttpResponse.h>
+#include <quill_network/quill_network_export.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+// Asynchronous HTTP(S) transfers on one process-wide engine (one network thread drives them all).
+//
+// Every operation copies its arguments, returns a non-empty transfer id at once and runs the
+// transfer in the background. `progress(done, total)` is called on the network thread while bytes
+// move (bytes sent for uploads; bytes received against Content-Length for downloads), at most about
+// 20 times a second plus once at the end; an empty function is allowed. `completion` is called
+// exactly once per transfer on the network thread, also after cancelRequest().
+//
+// A download writes into the file at `path` as bytes arrive. A download that fails or is cancelled
+// leaves no file behind at `path`.
+class QUILL_NETWORK_EXPORT HttpClient {
+public:
+  using ProgressFunction = std::function<void(double done, double total)>;
+  using CompletionFunction = std::function<void(std::shared_ptr<HttpResponse>)>;
+  using RequestSetup = std::function<void(HttpRequest&)>;
+
+  // GET `url` into the file at `path` (created or truncated).
+  static std::string downloadFile(const std::string& url, const std::string& path,
+                                  ProgressFunction progress, CompletionFunction completion);
+
+  // POST the parts as multipart/form-data, file parts streamed from disk.
+  static std::string uploadMultipartData(const std::string& url,
+                                         const std::vector<HttpPartData>& parts,
+                                         ProgressFunction progress, CompletionFunction completion);
+
+  // PUT the bytes of the local file, streamed from disk.
+  static std::string uploadFile(const std::string& url, const std::string& filePath,
+                                ProgressFunction progress, CompletionFunction completion);
+
+  // POST the form as application/x-www-form-urlencoded, fields in the map's key order. `setup` may
+  // add headers before the request is sent.
+  static std::string executePost(const std::string& url,
+                                 const std::map<std::string, std::string>& form, RequestSetup setup,
+                                 CompletionFunction completion);
+
+  // Cancels the transfer; its completion follows with outcome 1. Unknown or finished ids are
+  // ignored.
+  static void cancelRequest(const std::string& id);
+};

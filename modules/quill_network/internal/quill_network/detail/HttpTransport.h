@@ -1,0 +1,52 @@
+#pragma once
+
+// Internal to the project: the seam between HttpClient and the engine that moves the bytes. The
+// libcurl engine is the default; tests install a scripted engine to produce exact outcomes.
+
+#include <quill_network/HttpClient.h>
+#include <quill_network/quill_network_export.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace quill_network_detail {
+
+// One transfer as HttpClient hands it to the engine; everything copied from the caller.
+struct TransferSpec {
+  enum class Kind { Download, MultipartPost, PutFile, FormPost };
+
+  Kind kind = Kind::Download;
+  std::string url;
+  // Download: the file written. PutFile: the file sent.
+  std::string path;
+  // MultipartPost: the parts in order.
+  std::vector<HttpPartData> parts;
+  // FormPost: the fields, sent in key order.
+  std::map<std::string, std::string> form;
+  // Extra headers (from the request-setup function of a form post).
+  std::vector<std::pair<std::string, std::string>> headers;
+  HttpClient::ProgressFunction progress;
+  HttpClient::CompletionFunction completion;
+};
+
+class HttpTransport {
+public:
+  virtual ~HttpTransport() = default;
+  // Starts the transfer under the id; must not call `spec.completion` before returning.
+  virtual void start(const std::string& id, TransferSpec spec) = 0;
+  // Cancels the transfer with that id, if it is still running; its completion (outcome 1) follows.
+  virtual void cancel(const std::string& id) = 0;
+};
+
+// Routes every HttpClient call to `transport` from now on; null restores the libcurl engine.
+// Returns the transport that was in place (null for the default engine).
+QUILL_NETWORK_EXPORT std::shared_ptr<HttpTransport> installTransport(
+    std::shared_ptr<HttpTransport> transport);
+
+// "a=1&b=x%20y": the form url-encoded in key order (RFC 3986 unreserved characters kept).
+QUILL_NETWORK_EXPORT std::string encodeForm(const std::map<std::string, std::string>& form);
+
+}  // namespace quill_network_detail

@@ -1,0 +1,222 @@
+// downloadFile() against the reference file service, over HTTP and HTTPS.
+
+#include <quill_base/FileUtils.h>
+#include <quill_network/HttpClient.h>
+
+#include "FileServiceEnvironment.h"
+#include "LogCapture.h"
+#include "NetworkTestSupport.h"
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <map>
+
+using namespace quill_test;
+
+namespace {
+
+class Download : public OverBothSchemes {
+protected:
+  // Places `size` pattern bytes in the service's store; returns the path to GET.
+  std::string storePattern(const std::string& key, std::uint64_t size) {
+    const auto local = dir.file("source-" + key);
+    writePatternFile(local, size);
+    const auto urlPath = service().addFile(key, local);
+    EXPECT_FALSE(urlPath.empty()) << "the service did not take " << key;
+    return urlPath;
+  }
+
+  std::shared_ptr<HttpResponse> download(const std::string& url, const std::string& path,
+                                         const std::shared_ptr<TransferRecord>& record) {
+    HttpClient::downloadFile(url, path, record->progress(), record->completion());
+    return record->wait();
+  }
+
+  TempDir dir;
+};
+
+}  // namespace
+
+TEST_P(Download, WritesTheBytesAndReportsProgressUpToTheTotal) {
+  const std::uint64_t size = 3 * 1024 * 1024 + 123;
+  const auto urlPath = storePattern("three-mib.bin", size);
+  auto record = TransferRecord::make();
+  auto response = download(url(urlPath), dir.file("out.bin"), record);
+  ASSERT_NE(response, nullptr);
+  EXPECT_EQ(response->outcome, HttpResponse::kCompleted) << response->text;
+  EXPECT_EQ(response->status, 200);
+  EXPECT_TRUE(holdsPattern(dir.file("out.bin"), size));
+  expectProgressEndsAtTotal(record->progressReports(), static_cast<double>(size));
+  for (const auto& thread : record->threads()) {
+    EXPECT_NE(thread, std::this_thread::get_id())
+        << "progress and completion run on the network thread";
+  }
+}
+
+TEST_P(Download, AnEmptyFileGivesAnEmptyFile) {
+  const auto urlPath = storePattern("empty.bin", 0);
+  auto record = TransferRecord::make();
+  auto response = download(url(urlPath), dir.file("out.bin"), record);
+  ASSERT_NE(response, nullptr);
+  EXPECT_EQ(response->outcome, HttpResponse::kCompleted) << response->text;
+  EXPECT_TRUE(FileUtils::fileExists(dir.file("out.bin")));
+  EXPECT_EQ(FileUtils::fileSize(dir.file("out.bin")), 0u);
+  expectProgressEndsAtTotal(record->progressReports(), 0);
+}
+
+TEST_P(Download, ReplacesWhatWasAtThePath) {
+  const auto urlPath = storePattern("small.bin", 1000);
+  writeWholeFile(dir.file("out.bin"), std::string(5000, 'x'));
+  auto response = download(url(urlPath), dir.file("out.bin"), TransferRecord::make());
+  ASSERT_NE(response, nullptr);
+  EXPECT_EQ(response->outcome, HttpResponse::kCompleted) << response->text;
+  EXPECT_TRUE(holdsPattern(dir.file("out.bin"), 1000));
+}
+
+TEST_P(Download, ErrorStatusesFailAndLeaveNoFile) {
+  const auto urlPath = storePattern("guarded.bin", 4096);
+  for (const int status : {400, 403, 404, 500}) {
+    SCOPED_TRACE(status);
+    const auto path = dir.file("out-" + std::to_string(status));
+    auto record = TransferRecord::make();
+    auto response = download(
+        url(urlPath + "?quill_status=" + std::to_string(status) + "&quill_body=error%20page"), path,
+        record);
+    ASSERT_NE(response, nullptr);
+    EXPECT_EQ(response->outcome, HttpResponse::kFailed);
+    EXPECT_EQ(response->status, status);
+    EXPECT_TRUE(isStatusLine(response->text, status))
+        << "the status line describes the failure: " << response->text;
+    EXPECT_FALSE(FileUtils::fileExists(path)) << "the error body must not end up in a file";
+    EXPECT_TRUE(record->progressReports().empty()) << "an error body is no download progress";
+  }
+}
+
+TEST_P(Download, AMissingFileIsNotFound) {
+  auto response = download(url("/files/never-stored.bin"), dir.file("out"), TransferRecord::make());
+  ASSERT_NE(response, nullptr);
+  EXPECT_EQ(response->outcome, HttpResponse::kFailed);
+  EXPECT_EQ(response->status, 404);
+  EXPECT_FALSE(FileUtils::fileExists(dir.file("out")));
+}
+
+TEST_P(Download, CancelMidTransferCompletesOnceAndLeavesNoFile) {
+  const std::uint64_t size = 4 * 1024 * 1024;
+  const auto urlPath = storePattern("slow.bin", size);
+  auto record = TransferRecord::make();
+  const auto path = dir.file("out.bin");
+  // 256 KiB a second: the whole file would take 16 seconds.
+  const auto id = HttpClient::downloadFile(url(urlPath + "?quill_rate=262144"), path,
+                                           record->progress(), record->completion());
+  ASSERT_TRUE(eventually([&] { return !record->progressReports().empty(); })) << "no byte arrived";
+  EXPECT_TRUE(FileUtils::fileExists(path)) << "the download writes as bytes arrive";
+  const auto cancelledAt = std::chrono::steady_clock::now();
+  HttpClient::cancelRequest(id);
+  auto response = record->wait(std::chrono::seconds(5));
+  ASSERT_NE(response, nullptr) << "cancel did not end the transfer";
+  EXPECT_LT(std::chrono::steady_clock::now() - cancelledAt, std::chrono::seconds(2));
+  EXPECT_EQ(response->outcome, HttpResponse::kCancelled);
+  EXPECT_FALSE(FileUtils::fileExists(path));
+  HttpClient::cancelRequest(id);
+  drainEngine();
+  EXPECT_EQ(record->completionCount(), 1);
+  EXPECT_LT(record->progressReports().back().first, static_cast<double>(size));
+}
+
+TEST_P(Download, ProgressComesAtMostAboutTwentyTimesASecond) {
+  const std::uint64_t size = 1024 * 1024;
+  const auto urlPath = storePattern("paced.bin", size);
+  auto record = TransferRecord::make();
+  const auto started = std::chrono::steady_clock::now();
+  // 512 KiB a second: about two seconds of steady arrivals.
+  auto response = download(url(urlPath + "?quill_rate=524288"), dir.file("out.bin"), record);
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  ASSERT_NE(response, nullptr);
+  ASSERT_EQ(response->outcome, HttpResponse::kCompleted) << response->text;
+  const auto reports = record->progressReports();
+  expectProgressEndsAtTotal(reports, static_cast<double>(size));
+  EXPECT_GE(reports.size(), 5u) << "progress is reported while the bytes arrive";
+  EXPECT_LE(static_cast<double>(reports.size()), 20 * seconds + 2) << "over " << seconds << " s";
+}
+
+TEST_P(Download, RedirectsAreFollowed) {
+  const auto urlPath = storePattern("moved.bin", 10000);
+  auto response = download(url("/redirect?to=" + urlPath + "&hops=5"), dir.file("out.bin"),
+                           TransferRecord::make());
+  ASSERT_NE(response, nullptr);
+  EXPECT_EQ(response->outcome, HttpResponse::kCompleted) << response->text;
+  EXPECT_EQ(response->status, 200);
+  EXPECT_TRUE(holdsPattern(dir.file("out.bin"), 10000));
+}
+
+TEST_P(Download, MoreThanFiveRedirectsFail) {
+  const auto urlPath = storePattern("far.bin", 10000);
+  auto response = download(url("/redirect?to=" + urlPath + "&hops=6"), dir.file("out.bin"),
+                           TransferRecord::make());
+  ASSERT_NE(response, nullptr);
+  EXPECT_EQ(response->outcome, HttpResponse::kFailed);
+  EXPECT_GE(response->status, 300);
+  EXPECT_LT(response->status, 400);
+  EXPECT_FALSE(FileUtils::fileExists(dir.file("out.bin")));
+}
+
+TEST_P(Download, AStallEndsInFailureWithinTheGuard) {
+  ScopedEnv stall("QUILL_HTTP_STALL_SECONDS", std::string("2"));
+  const auto urlPath = storePattern("stalls.bin", 1024 * 1024);
+  const auto started = std::chrono::steady_clock::now();
+  auto response = download(url(urlPath + "?quill_stall_after=65536"), dir.file("out.bin"),
+                           TransferRecord::make());
+  const auto elapsed = std::chrono::steady_clock::now() - started;
+  ASSERT_NE(response, nullptr);
+  EXPECT_EQ(response->outcome, HttpResponse::kFailed);
+  EXPECT_EQ(response->status, 200) << "the reply had begun";
+  EXPECT_FALSE(response->text.empty());
+  EXPECT_GE(elapsed, std::chrono::milliseconds(1500));
+  EXPECT_LT(elapsed, std::chrono::seconds(8)) << "the guard is 2 seconds";
+  EXPECT_FALSE(FileUtils::fileExists(dir.file("out.bin")));
+}
+
+TEST_P(Download, ADroppedConnectionFails) {
+  const auto urlPath = storePattern("dropped.bin", 1024 * 1024);
+  auto response = download(url(urlPath + "?quill_drop_after=65536"), dir.file("out.bin"),
+                           TransferRecord::make());
+  ASSERT_NE(response, nullptr);
+  EXPECT_EQ(response->outcome, HttpResponse::kFailed);
+  EXPECT_FALSE(response->text.empty());
+  EXPECT_FALSE(FileUtils::fileExists(dir.file("out.bin")));
+}
+
+TEST_P(Download, ConnectionsAreReusedAcrossTransfers) {
+  const auto urlPath = storePattern("again.bin", 2000);
+  LogCapture logs(log4cplus::DEBUG_LOG_LEVEL);
+  std::vector<std::string> ids;
+  for (int i = 0; i < 4; ++i) {
+    auto record = TransferRecord::make();
+    ids.push_back(HttpClient::downloadFile(url(urlPath), dir.file("out" + std::to_string(i)),
+                                           nullptr, record->completion()));
+    auto response = record->wait();
+    ASSERT_NE(response, nullptr);
+    ASSERT_EQ(response->outcome, HttpResponse::kCompleted) << response->text;
+  }
+  // The engine logs how many connections each transfer had to open.
+  // "transfer <id> ended: outcome 0, status 200, new connections <n>"
+  std::map<std::string, int> connections;
+  const std::string marker = " ended: outcome 0, status 200, new connections ";
+  for (const auto& line : logs.lines()) {
+    const auto at = line.message.find(marker);
+    if (line.message.rfind("transfer ", 0) == 0 && at != std::string::npos) {
+      connections[line.message.substr(9, at - 9)] =
+          std::stoi(line.message.substr(at + marker.size()));
+    }
+  }
+  ASSERT_EQ(connections.size(), ids.size());
+  for (std::size_t i = 1; i < ids.size(); ++i) {
+    EXPECT_EQ(connections[ids[i]], 0) << "transfer " << i << " opened a connection of its own";
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Schemes, Download, ::testing::Values(Scheme::Http, Scheme::Https),
+                         schemeName);
