@@ -1,0 +1,59 @@
+#pragma once
+
+#include <quill_cloud/quill_cloud_export.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+// One download or upload as the host describes it. The host fills it in, hands it to
+// CloudStorageService::excuteRequest as a shared pointer, and shares it with the task that serves
+// it: the task writes the outcome (resultCode, resultMessage, and for uploads url and fileSize)
+// into this same object before stateCallback is called.
+//
+// Kinds: 1 image, 2 file, 3 video (uploads only). Result codes: 1 not ended yet, 2 success,
+// 3 cancelled, -1 failure found before or outside the transfer, -2/-3/-4 for a download answered
+// 404/403/400, -100 any other transfer or server failure.
+class QUILL_CLOUD_EXPORT CloudStorageRequest {
+public:
+  using Callback = std::function<void(std::shared_ptr<CloudStorageRequest>, int)>;
+
+  // Everything empty or zero, resultCode 1. `kind` is 0, which no request accepts: set it.
+  explicit CloudStorageRequest(bool isUpload);
+  CloudStorageRequest(const CloudStorageRequest&);
+  CloudStorageRequest(CloudStorageRequest&&) noexcept;
+  CloudStorageRequest& operator=(const CloudStorageRequest&);
+  CloudStorageRequest& operator=(CloudStorageRequest&&) noexcept;
+  ~CloudStorageRequest();
+
+  // The host's own value; never read here.
+  std::int64_t tag = 0;
+  // Identity of the request: a second request with a known id (and the same kind) is dropped, and
+  // cancelReqestWithID finds the request by it.
+  std::string requestId;
+  std::int32_t kind = 0;
+  bool isUpload = false;
+  std::int32_t reserved = 0;
+  // Download: the source. Upload: the address of the stored object, written on success.
+  std::string url;
+  std::string auxText1;
+  // Download: destination directory. Upload: directory of the file to send.
+  std::string directory;
+  // File name inside `directory`.
+  std::string fileName;
+  // Extension for the object key of a signed upload; the extension of fileName when empty.
+  std::string auxText2;
+  // Size in bytes of the file to upload, written when the upload starts.
+  std::int64_t fileSize = 0;
+  std::string auxText3;
+  std::string auxText4;
+  std::int32_t resultCode = 1;
+  std::string resultMessage;
+  // Called once, on the service's serial queue, when the request has ended; the int is the task
+  // state (3, finished). The outcome is in resultCode and resultMessage.
+  Callback stateCallback;
+  // Called on the service's serial queue while bytes move, with whole percentages 0 to 99, each at
+  // most once and never decreasing.
+  Callback progressCallback;
+};

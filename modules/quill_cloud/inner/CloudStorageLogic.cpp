@@ -1,0 +1,373 @@
+#include "inner/CloudStorageLogic.h"
+
+#include "task/DownloadTask.h"
+#include "task/UploadTask.h"
+
+#include <quill_base/FileUtils.h>
+#include <quill_base/Logger.h>
+#include <quill_base/TextUtils.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace cloud {
+namespace {
+
+constexpr std::uint64_t kRetryIntervalMs = 2000;
+
+bool isUploadType(int type) {
+  return type == kImageUpload || type == kFileUpload || type == kVideoUpload;
+}
+
+std::shared_ptr<ITask> makeTransferTask(const std::string& cachePath, int type,
+                                        std::shared_ptr<CloudStorageRequest> request,
+                                        std::shared_ptr<SerialQueue> queue,
+                                        ITask::CompletionCallback completionCallback) {
+  if (type == kImageDownload || type == kFileDownload) {
+    return std::make_shared<DownloadTask>(cachePath, type, std::move(request), std::move(queue),
+                                          std::move(completionCallback));
+  }
+  if (isUploadType(type)) {
+    return std::make_shared<UploadTask>(cachePath, type, std::move(request), std::move(queue),
+                                        std::move(completionCallback));
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+void CloudStorageLogic::Lifetime::markDestroyed() {
+  std::lock_guard<std::mutex> lock(mutex);
+  destroyed = true;
+  changed.notify_all();
+}
+
+void CloudStorageLogic::Lifetime::waitDestroyed() {
+  std::unique_lock<std::mutex> lock(mutex);
+  changed.wait(lock, [this] { return destroyed; });
+}
+
+CloudStorageLogic::CloudStorageLogic(bool waitForConfig, TaskFactory factory)
+    : queue(std::make_shared<SerialQueue>("cloud storage")),
+      taskFactory(factory ? std::move(factory) : TaskFactory(makeTransferTask)) {
+  config.waitForConfig = waitForConfig ? 1 : 0;
+}
+
+CloudStorageLogic::~CloudStorageLogic() {
+  if (retryTimerId != 0) {
+    queue->stopTimer(retryTimerId);
+  }
+  // Tear down before telling the owner: abandoned tasks cancel their transfers and the queue stops
+  // (or, when this runs on the queue's own thread, winds down after the closure that is running).
+  for (auto& pending : waiting) {
+    pending.clear();
+  }
+  retryList.clear();
+  positions.clear();
+  byRequestId.clear();
+  tasks.clear();
+  completionCallback = nullptr;
+  queue.reset();
+  lifetimeSignal->markDestroyed();
+}
+
+int CloudStorageLogic::taskTypeFor(bool isUpload, int kind) {
+  if (isUpload) {
+    switch (kind) {
+      case 1:
+        return kImageUpload;
+      case 2:
+        return kFileUpload;
+      case 3:
+        return kVideoUpload;
+      default:
+        return 0;
+    }
+  }
+  switch (kind) {
+    case 1:
+      return kImageDownload;
+    case 2:
+      return kFileDownload;
+    default:
+      return 0;
+  }
+}
+
+void CloudStorageLogic::post(std::function<void(CloudStorageLogic&)> work) {
+  queue->dispatch([weak = weak_from_this(), work = std::move(work)] {
+    auto self = weak.lock();
+    if (self && !self->closed) {
+      work(*self);
+    }
+  });
+}
+
+void CloudStorageLogic::close() {
+  closed = true;
+  callbackGate->close();
+}
+
+bool CloudStorageLogic::addRequest(std::shared_ptr<CloudStorageRequest> request) {
+  if (!request) {
+    return false;
+  }
+  const int type = taskTypeFor(request->isUpload, request->kind);
+  if (type == 0) {
+    return false;
+  }
+  post([request = std::move(request), type](CloudStorageLogic& self) mutable {
+    self.addTaskWithReqest(std::move(request), type);
+  });
+  return true;
+}
+
+void CloudStorageLogic::cancelRequestWithId(const std::string& requestId) {
+  post([requestId](CloudStorageLogic& self) {
+    auto found = self.byRequestId.find(requestId);
+    if (found == self.byRequestId.end()) {
+      return;
+    }
+    // In order of arrival, as shared pointers: cancelling ends tasks and changes the indexes.
+    std::vector<std::pair<std::uint64_t, std::shared_ptr<ITask>>> matching;
+    for (const ITask* task : found->second) {
+      const auto& entry = self.positions.at(task);
+      matching.emplace_back(entry.arrival, *entry.position);
+    }
+    std::sort(matching.begin(), matching.end(),
+              [](const auto& a, const auto& b) { return a.first < b.first; });
+    for (const auto& [arrival, task] : matching) {
+      task->cancel();
+      self.removeFromRetryList(task.get());
+      if (self.retryList.empty()) {
+        self.stopRetryTimer();
+      }
+    }
+  });
+}
+
+void CloudStorageLogic::cancelAllRequests() {
+  post([](CloudStorageLogic& self) {
+    const std::vector<std::shared_ptr<ITask>> snapshot(self.tasks.begin(), self.tasks.end());
+    for (const auto& task : snapshot) {
+      task->cancel();
+    }
+  });
+}
+
+void CloudStorageLogic::changeUser(const std::string& appId, const std::string& pin,
+                                   const std::string& userDirectory) {
+  post([appId, pin, userDirectory](CloudStorageLogic& self) {
+    self.config.appId = appId;
+    self.config.pin = pin;
+    if (TextUtils::isEquals(userDirectory, self.config.userDirectory)) {
+      return;
+    }
+    self.config.userDirectory = userDirectory;
+    self.checkCachePath(userDirectory);
+  });
+}
+
+void CloudStorageLogic::changeAid(const std::string& aid) {
+  post([aid](CloudStorageLogic& self) {
+    if (TextUtils::isEquals(aid, self.config.aid)) {
+      return;
+    }
+    self.config.aid = aid;
+    if (self.config.isValid()) {
+      self.retryTasks();
+      self.startNextRequest(true);
+    }
+  });
+}
+
+void CloudStorageLogic::addTaskWithReqest(std::shared_ptr<CloudStorageRequest> request, int type) {
+  QLOG_DEBUG(" addTaskWithReqest");
+  if (cachePath.empty()) {
+    // Only logs: a task made before changeUser carries an empty cache path.
+    checkCachePath("");
+  }
+  if (findTask(request->requestId, type)) {
+    QLOG_INFO(" task exist");
+    return;
+  }
+  auto task = createTask(request, type);
+  if (!task) {
+    return;
+  }
+  tasks.push_back(task);
+  positions.emplace(task.get(), Entry{std::prev(tasks.end()), request->requestId, ++arrivals});
+  byRequestId[request->requestId].push_back(task.get());
+  const bool upload = isUploadType(type);
+  waiting[upload ? 1 : 0].push_back(task);
+  startNextRequest(upload);
+}
+
+std::shared_ptr<ITask> CloudStorageLogic::createTask(std::shared_ptr<CloudStorageRequest> request,
+                                                     int type) {
+  if (!completionCallback) {
+    completionCallback = [weak = weak_from_this()](std::shared_ptr<ITask> task, bool retry) {
+      if (auto self = weak.lock()) {
+        self->onTaskFinished(std::move(task), retry);
+      }
+    };
+  }
+  auto task = taskFactory(cachePath, type, std::move(request), queue, completionCallback);
+  if (task) {
+    task->setCallbackGate(callbackGate);
+  }
+  return task;
+}
+
+std::shared_ptr<ITask> CloudStorageLogic::findTask(const std::string& requestId, int type) const {
+  auto found = byRequestId.find(requestId);
+  if (found == byRequestId.end()) {
+    return nullptr;
+  }
+  for (const ITask* task : found->second) {
+    if (task->type() == type) {
+      return *positions.at(task).position;
+    }
+  }
+  return nullptr;
+}
+
+void CloudStorageLogic::checkCachePath(const std::string& directory) {
+  if (!FileUtils::directoryExists(directory)) {
+    QLOG_DEBUG("user directory not exists, " << directory);
+    return;
+  }
+  const auto candidate = FileUtils::appendComponent(directory, "cloud_storage_caches");
+  if (FileUtils::makeDirectory(candidate)) {
+    cachePath = candidate;
+  }
+}
+
+bool CloudStorageLogic::needWaiting() {
+  if (config.waitForConfig != 0 && !config.isValid()) {
+    QLOG_WARN(" waiting configuration");
+    return true;
+  }
+  return false;
+}
+
+void CloudStorageLogic::startNextRequest(bool uploads) {
+  if (closed) {
+    return;
+  }
+  if (uploads && needWaiting()) {
+    return;
+  }
+  const int direction = uploads ? 1 : 0;
+  const auto running = std::count_if(started[direction].begin(), started[direction].end(),
+                                     [](const ITask* task) { return task->state() == kRunning; });
+  const long limit = uploads ? 2 : 4;
+  if (running >= limit) {
+    QLOG_DEBUG(" too many tasks to run");
+    return;
+  }
+  auto& pending = waiting[direction];
+  while (!pending.empty()) {
+    auto task = pending.front().lock();
+    pending.pop_front();
+    if (task && task->state() == kWaiting && positions.count(task.get()) != 0) {
+      startTask(task);
+      return;
+    }
+  }
+  QLOG_DEBUG("no task can be executed");
+}
+
+void CloudStorageLogic::startTask(const std::shared_ptr<ITask>& task) {
+  started[task->isUpload() ? 1 : 0].insert(task.get());
+  task->startWithConfig(&config);
+}
+
+void CloudStorageLogic::onTaskFinished(std::shared_ptr<ITask> task, bool retry) {
+  if (!task || positions.count(task.get()) == 0) {
+    return;  // a second ending of a task already dropped: reported once only
+  }
+  const int type = task->type();
+  const bool upload = isUploadType(type);
+  started[upload ? 1 : 0].erase(task.get());
+
+  if (retry && (upload || type == kImageDownload)) {
+    retryList.push_back(task);
+    startRetryTimer();
+    return;
+  }
+
+  // Dropped before the host hears of it, so that nothing the callback does can see it again.
+  dropTask(task);
+  auto request = task->getRequest();
+  if (request && request->stateCallback) {
+    callbackGate->call([&] { request->stateCallback(request, task->state()); });
+  }
+  startNextRequest(upload);
+}
+
+void CloudStorageLogic::dropTask(const std::shared_ptr<ITask>& task) {
+  auto entry = positions.find(task.get());
+  if (entry == positions.end()) {
+    return;
+  }
+  auto ids = byRequestId.find(entry->second.requestId);
+  if (ids != byRequestId.end()) {
+    auto& list = ids->second;
+    list.erase(std::remove(list.begin(), list.end(), task.get()), list.end());
+    if (list.empty()) {
+      byRequestId.erase(ids);
+    }
+  }
+  removeFromRetryList(task.get());
+  started[task->isUpload() ? 1 : 0].erase(task.get());
+  tasks.erase(entry->second.position);
+  positions.erase(entry);
+}
+
+void CloudStorageLogic::removeFromRetryList(const ITask* task) {
+  retryList.erase(std::remove_if(retryList.begin(), retryList.end(),
+                                 [task](const auto& item) { return item.get() == task; }),
+                  retryList.end());
+}
+
+void CloudStorageLogic::startRetryTimer() {
+  if (retryTimerId != 0) {
+    return;
+  }
+  QLOG_INFO("cloud::CloudStorageLogic::startRetryTimer"
+            << " enter");
+  retryTimerId = queue->startTimer(kRetryIntervalMs, [weak = weak_from_this()](std::uint64_t) {
+    auto self = weak.lock();
+    if (self && !self->closed) {
+      self->retryTasks();
+    }
+  });
+}
+
+void CloudStorageLogic::stopRetryTimer() {
+  if (retryTimerId == 0) {
+    return;
+  }
+  QLOG_INFO("cloud::CloudStorageLogic::stopRetryTimer"
+            << " enter");
+  queue->stopTimer(retryTimerId);
+  retryTimerId = 0;
+}
+
+void CloudStorageLogic::retryTasks() {
+  stopRetryTimer();
+  if (closed || needWaiting()) {
+    return;  // kept until the next changeAid or retry request
+  }
+  // Retried tasks restart at once, outside the running limits.
+  const auto pending = std::move(retryList);
+  retryList.clear();
+  for (const auto& task : pending) {
+    if (positions.count(task.get()) != 0) {
+      startTask(task);
+    }
+  }
+}
+
+}  // namespace cloud

@@ -1,0 +1,133 @@
+#pragma once
+
+#include "task/ITask.h"
+
+#include <quill_cloud/CloudStorageConfig.h>
+#include <quill_cloud/CloudStorageRequest.h>
+
+#include <quill_base/SerialQueue.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+namespace cloud {
+
+// The scheduler: owns the live configuration and the serial queue "cloud storage", turns requests
+// into tasks, starts at most 2 uploads and 4 downloads at once (oldest waiting first, per
+// direction), holds uploads while the configuration is incomplete (when told to), restarts tasks
+// that asked for a retry from a 2000 ms single-shot timer, and calls each request's stateCallback
+// once when its task has ended.
+//
+// Public operations may be called from any thread: they post onto the queue and return. Everything
+// else runs on the queue and takes no lock. Posted work holds the scheduler weakly.
+class CloudStorageLogic : public std::enable_shared_from_this<CloudStorageLogic> {
+public:
+  using TaskFactory = std::function<std::shared_ptr<ITask>(
+      const std::string& cachePath, int type, std::shared_ptr<CloudStorageRequest> request,
+      std::shared_ptr<SerialQueue> queue, ITask::CompletionCallback completionCallback)>;
+
+  // Signalled when a scheduler is destroyed, so that its owner can wait for work in progress.
+  class Lifetime {
+  public:
+    void markDestroyed();
+    void waitDestroyed();
+
+  private:
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool destroyed = false;
+  };
+
+  // `factory` makes the tasks; empty means the real download and upload tasks.
+  explicit CloudStorageLogic(bool waitForConfig, TaskFactory factory = {});
+  ~CloudStorageLogic();
+  CloudStorageLogic(const CloudStorageLogic&) = delete;
+  CloudStorageLogic& operator=(const CloudStorageLogic&) = delete;
+
+  // The task type for (isUpload, kind): 1, 2, 5 for uploads of kinds 1, 2, 3; 3, 4 for downloads
+  // of kinds 1, 2; 0 for every other pair.
+  static int taskTypeFor(bool isUpload, int kind);
+
+  bool addRequest(std::shared_ptr<CloudStorageRequest> request);
+  void cancelRequestWithId(const std::string& requestId);
+  void cancelAllRequests();
+  void changeUser(const std::string& appId, const std::string& pin,
+                  const std::string& userDirectory);
+  void changeAid(const std::string& aid);
+
+  // From now on no request callback starts and no task is started; waits for a callback that is
+  // running (unless called from it). Callable from any thread; the owner calls it before letting
+  // go.
+  void close();
+
+  const std::shared_ptr<SerialQueue>& getQueue() const { return queue; }
+  std::shared_ptr<Lifetime> lifetime() const { return lifetimeSignal; }
+
+  // Snapshots for tests; call on the queue.
+  const CloudStorageConfig& currentConfig() const { return config; }
+  const std::string& currentCachePath() const { return cachePath; }
+  std::size_t taskCount() const { return tasks.size(); }
+  std::size_t retryCount() const { return retryList.size(); }
+  bool retryTimerRunning() const { return retryTimerId != 0; }
+
+private:
+  using TaskList = std::list<std::shared_ptr<ITask>>;
+
+  // Runs `work` on the queue while this scheduler lives and is open.
+  void post(std::function<void(CloudStorageLogic&)> work);
+
+  void addTaskWithReqest(std::shared_ptr<CloudStorageRequest> request, int type);
+  std::shared_ptr<ITask> createTask(std::shared_ptr<CloudStorageRequest> request, int type);
+  std::shared_ptr<ITask> findTask(const std::string& requestId, int type) const;
+  void checkCachePath(const std::string& directory);
+  bool needWaiting();
+  void startNextRequest(bool uploads);
+  void startTask(const std::shared_ptr<ITask>& task);
+  void onTaskFinished(std::shared_ptr<ITask> task, bool retry);
+  void dropTask(const std::shared_ptr<ITask>& task);
+  void removeFromRetryList(const ITask* task);
+  void startRetryTimer();
+  void stopRetryTimer();
+  void retryTasks();
+
+  CloudStorageConfig config;
+  std::shared_ptr<SerialQueue> queue;
+  // Every task not yet dropped, in order of arrival.
+  TaskList tasks;
+  std::vector<std::shared_ptr<ITask>> retryList;
+  ITask::CompletionCallback completionCallback;
+  std::string cachePath;
+  std::uint64_t retryTimerId = 0;
+
+  TaskFactory taskFactory;
+  // Indexes over `tasks`, so that the cost of a request does not grow with the number queued.
+  struct Entry {
+    TaskList::iterator position;
+    std::string requestId;  // as indexed when the task was added
+    std::uint64_t arrival;
+  };
+  std::unordered_map<const ITask*, Entry> positions;
+  std::uint64_t arrivals = 0;
+  std::unordered_map<std::string, std::vector<ITask*>> byRequestId;
+  // Tasks never started, oldest first, per direction (0 downloads, 1 uploads); entries of tasks
+  // that ended meanwhile are skipped when they reach the front.
+  std::deque<std::weak_ptr<ITask>> waiting[2];
+  // Tasks started and not yet ended, per direction.
+  std::unordered_set<const ITask*> started[2];
+
+  std::atomic<bool> closed{false};
+  std::shared_ptr<CallbackGate> callbackGate = std::make_shared<CallbackGate>();
+  std::shared_ptr<Lifetime> lifetimeSignal = std::make_shared<Lifetime>();
+};
+
+}  // namespace cloud

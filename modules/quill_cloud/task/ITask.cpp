@@ -1,0 +1,92 @@
+#include "task/ITask.h"
+
+#include <quill_base/TextUtils.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace cloud {
+
+ITask::ITask(const std::string& cachePath, int type, std::shared_ptr<CloudStorageRequest> request,
+             std::shared_ptr<SerialQueue> queue, CompletionCallback completionCallback)
+    : cachePath(cachePath),
+      taskType(type),
+      request(std::move(request)),
+      queue(std::move(queue)),
+      completionCallback(std::move(completionCallback)) {}
+
+ITask::~ITask() = default;
+
+bool ITask::isDownload() const {
+  return taskType == kImageDownload || taskType == kFileDownload;
+}
+
+bool ITask::isUpload() const {
+  return taskType == kImageUpload || taskType == kFileUpload || taskType == kVideoUpload;
+}
+
+bool ITask::hasRequestId(const std::string& id) const {
+  return request && TextUtils::isEquals(request->requestId, id);
+}
+
+bool ITask::isSameTask(std::shared_ptr<ITask> other) const {
+  if (!other || other->taskType != taskType || !request || !other->request) {
+    return false;
+  }
+  return TextUtils::isEquals(request->requestId, other->request->requestId);
+}
+
+void ITask::onProgress(double done, double total) {
+  postIfAlive(weak_from_this(), std::weak_ptr<SerialQueue>(queue),
+              [done, total](ITask& task) { task.reportProgress(done, total); });
+}
+
+std::function<void(double, double)> ITask::makeProgressFunction() {
+  if (!request || !request->progressCallback) {
+    return {};
+  }
+  return [task = weak_from_this(), queue = std::weak_ptr<SerialQueue>(queue)](double done,
+                                                                              double total) {
+    postIfAlive(task, queue, [done, total](ITask& alive) { alive.reportProgress(done, total); });
+  };
+}
+
+void ITask::reportProgress(double done, double total) {
+  if (done <= 0 || total <= 0 || !request) {
+    return;
+  }
+  // A server may send more than it announced: keep the conversion within int.
+  const int percent = static_cast<int>(std::min(done / total * 100.0, 2147483647.0));
+  if (!((lastProgress == 0 && percent > 0) || percent - lastProgress >= 1)) {
+    return;
+  }
+  lastProgress = percent;
+  // 100 is never reported: the end of the transfer is told by stateCallback.
+  if (total > done && request->progressCallback) {
+    if (callbackGate) {
+      callbackGate->call([&] { request->progressCallback(request, percent); });
+    } else {
+      request->progressCallback(request, percent);
+    }
+  }
+}
+
+void ITask::finish(int state, int code, const std::string& message, bool retry) {
+  transferId.clear();
+  taskState = state;
+  if (request) {
+    request->resultCode = code;
+    if (&message != &request->resultMessage) {
+      request->resultMessage = message;
+    }
+  }
+  if (completionCallback) {
+    completionCallback(shared_from_this(), retry);
+  }
+}
+
+void ITask::fail(const std::string& message, bool retry) {
+  finish(kFinished, -1, message, retry);
+}
+
+}  // namespace cloud

@@ -1,0 +1,177 @@
+// The signature requests of UploadTask: where a file or a video is to be uploaded, and under which
+// address it will be reachable.
+#define QUILL_LOG_SOURCE "modules/quill_cloud/task/UploadTask"
+
+#include "task/UploadTask.h"
+
+#include <quill_base/FileUtils.h>
+#include <quill_base/JSONUtils.h>
+#include <quill_base/Logger.h>
+#include <quill_base/TextUtils.h>
+#include <quill_network/HttpClient.h>
+
+#include <utility>
+
+namespace cloud {
+namespace {
+
+void addFormHeader(HttpRequest& request) {
+  request.appendHeader("Content-Type", "application/x-www-form-urlencoded;charset=utf-8");
+}
+
+}  // namespace
+
+std::map<std::string, std::string> UploadTask::signatureForm() {
+  if (config == nullptr || !config->isValid()) {
+    return {};
+  }
+  return {
+      {"appId", config->appId}, {"aid", config->aid}, {"pin", config->pin}, {"clientType", "pc"}};
+}
+
+std::map<std::string, std::string> UploadTask::videoSignatureForm() {
+  auto form = signatureForm();
+  if (form.empty()) {
+    return form;
+  }
+  form["fileName"] = request->fileName;
+  form["fileSize"] = TextUtils::toString(request->fileSize);
+  form["type"] = "3";
+  return form;
+}
+
+void UploadTask::cancelSignatureRequest() {
+  if (!signatureRequestId.empty()) {
+    HttpClient::cancelRequest(signatureRequestId);
+    signatureRequestId.clear();
+  }
+}
+
+bool UploadTask::acceptSignatureReply(const HttpResponse& reply, int code, std::string message) {
+  if (reply.outcome == HttpResponse::kCancelled) {
+    code = 3;
+  }
+  if (message.empty()) {
+    message = "request signature failed, " + TextUtils::toString(reply.status);
+  }
+  if (code == 2) {
+    return true;
+  }
+  QLOG_ERROR("request signature failed, code:" << reply.status << "\n" << reply.text);
+  finish(kFinished, code, message, false);
+  return false;
+}
+
+bool UploadTask::requestFileSignature() {
+  cancelSignatureRequest();
+  auto form = signatureForm();
+  if (form.empty()) {
+    fail("request file signature param invaild", false);
+    return false;
+  }
+  auto key = TextUtils::UUID_String();
+  const auto extension =
+      request->auxText2.empty() ? FileUtils::fileExtension(request->fileName) : request->auxText2;
+  if (!extension.empty()) {
+    key += "." + extension;
+  }
+  form["key"] = key;
+
+  auto reply = [weak = weakSelf(),
+                queue = std::weak_ptr<SerialQueue>(queue)](std::shared_ptr<HttpResponse> response) {
+    postIfAlive(weak, queue,
+                [response](UploadTask& task) { task.processSignatureRespose(response); });
+  };
+  signatureRequestId =
+      HttpClient::executePost(config->signatureUrl, form, addFormHeader, std::move(reply));
+  return true;
+}
+
+bool UploadTask::requestVideoSignature() {
+  cancelSignatureRequest();
+  const auto form = videoSignatureForm();
+  if (form.empty()) {
+    fail("request video signature param invaild", false);
+    return false;
+  }
+  auto reply = [weak = weakSelf(),
+                queue = std::weak_ptr<SerialQueue>(queue)](std::shared_ptr<HttpResponse> response) {
+    postIfAlive(weak, queue,
+                [response](UploadTask& task) { task.processVideoSignatureRespose(response); });
+  };
+  signatureRequestId =
+      HttpClient::executePost(config->videoSignatureUrl, form, addFormHeader, std::move(reply));
+  return true;
+}
+
+void UploadTask::processSignatureRespose(std::shared_ptr<HttpResponse> response) {
+  if (hasEnded()) {
+    return;
+  }
+  const HttpResponse reply = response ? *response : HttpResponse{};
+  signatureRequestId.clear();
+  int code = -100;
+  std::string message;
+  std::string uploadPath;
+  std::string path;
+
+  if (reply.outcome == HttpResponse::kCompleted) {
+    Json::Value json;
+    if (!JSONUtils::parseJSON(reply.text, json)) {
+      message = "parse signature response failed";
+    } else {
+      const int serverCode = JSONUtils::optInt("code", json, 0);
+      if (serverCode != 1) {
+        message = JSONUtils::optString("desc", json, "");
+        if (message.empty()) {
+          message = "request signature," + TextUtils::toString(serverCode);
+        }
+      } else {
+        uploadPath = JSONUtils::optString("uploadPath", json, "");
+        path = completeUrlScheme(JSONUtils::optString("path", json, ""));
+        if (!uploadPath.empty() && !path.empty()) {
+          code = 2;
+        } else {
+          message = "signature response data invaild";
+        }
+      }
+    }
+  }
+  if (acceptSignatureReply(reply, code, std::move(message))) {
+    uploadToTarn(uploadPath, path);
+  }
+}
+
+void UploadTask::processVideoSignatureRespose(std::shared_ptr<HttpResponse> response) {
+  if (hasEnded()) {
+    return;
+  }
+  const HttpResponse reply = response ? *response : HttpResponse{};
+  signatureRequestId.clear();
+  int code = -100;
+  std::string message;
+  std::string uploadUrl;
+  std::string payUrl;
+
+  if (reply.outcome == HttpResponse::kCompleted) {
+    Json::Value json;
+    if (!JSONUtils::parseJSON(reply.text, json)) {
+      message = "parse signature response failed";
+    } else {
+      // No "code" to test: the two addresses are the answer.
+      uploadUrl = JSONUtils::optString("uploadUrl", json, "");
+      payUrl = completeUrlScheme(JSONUtils::optString("payUrl", json, ""));
+      if (!uploadUrl.empty() && !payUrl.empty()) {
+        code = 2;
+        message = "signature response data success";
+      } else {
+        message = "signature response data invaild";
+      }
+    }
+  }
+  if (acceptSignatureReply(reply, code, std::move(message))) {
+    uploadVideoToVOD(uploadUrl, payUrl);
+  }
+}
+
+}  // namespace cloud

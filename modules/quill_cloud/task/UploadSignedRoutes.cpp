@@ -1,0 +1,81 @@
+// The uploads of UploadTask that follow a signature: the file PUT to object storage, and the video
+// POSTed as a one-part form to the video service.
+#define QUILL_LOG_SOURCE "modules/quill_cloud/task/UploadTask"
+
+#include "task/UploadTask.h"
+
+#include <quill_base/Logger.h>
+#include <quill_network/HttpClient.h>
+
+#include <utility>
+
+namespace cloud {
+
+void UploadTask::uploadToTarn(std::string uploadUrl, std::string path) {
+  const auto weak = weakSelf();
+  auto progress = makeProgressFunction();
+  auto completion = [weak, queue = std::weak_ptr<SerialQueue>(queue),
+                     path = std::move(path)](std::shared_ptr<HttpResponse> response) {
+    reportSignedUploadEnd(weak, queue, response ? *response : HttpResponse{}, path);
+  };
+  transferId =
+      HttpClient::uploadFile(uploadUrl, uploadFilePath, std::move(progress), std::move(completion));
+}
+
+void UploadTask::uploadVideoToVOD(std::string uploadUrl, std::string payUrl) {
+  const auto weak = weakSelf();
+  auto progress = makeProgressFunction();
+  auto completion = [weak, queue = std::weak_ptr<SerialQueue>(queue),
+                     payUrl = std::move(payUrl)](std::shared_ptr<HttpResponse> response) {
+    reportSignedUploadEnd(weak, queue, response ? *response : HttpResponse{}, payUrl);
+  };
+  std::vector<HttpPartData> parts;
+  if (!uploadVideoParts(parts)) {
+    return;  // nothing started: the task stays running until it is cancelled
+  }
+  // Kept where cancel() looks first.
+  signatureRequestId =
+      HttpClient::uploadMultipartData(uploadUrl, parts, std::move(progress), std::move(completion));
+}
+
+bool UploadTask::uploadVideoParts(std::vector<HttpPartData>& parts) {
+  if (config == nullptr || !config->isValid()) {
+    QLOG_ERROR("upload parts is empty");
+    return false;
+  }
+  HttpPartData part;
+  part.isFile = true;
+  part.name = request->fileName;
+  part.value = uploadFilePath;
+  part.contentType = "video/mp4";
+  parts.push_back(part);
+  return true;
+}
+
+void UploadTask::reportSignedUploadEnd(const std::weak_ptr<UploadTask>& task,
+                                       const std::weak_ptr<SerialQueue>& queue,
+                                       const HttpResponse& response,
+                                       const std::string& resultPath) {
+  int code = -100;
+  std::string path;
+  std::string message;
+  if (response.outcome == HttpResponse::kCompleted) {
+    // The signature already named the stored object: the reply body is not read.
+    code = 2;
+    path = resultPath;
+  } else if (response.outcome == HttpResponse::kCancelled) {
+    code = 3;
+    message = "upload cancel";
+  } else {
+    message =
+        response.text.empty() ? "upload failed, " + std::to_string(response.status) : response.text;
+  }
+  if (response.outcome != HttpResponse::kCompleted) {
+    QLOG_ERROR("upload failed, code:" << response.status << " desc:" << response.text);
+  }
+  postIfAlive(task, queue, [path, code, message](UploadTask& alive) {
+    alive.processUploadCompletion(path, code, message, false);
+  });
+}
+
+}  // namespace cloud

@@ -1,0 +1,76 @@
+#pragma once
+
+#include "task/ITask.h"
+
+#include <quill_network/HttpPartData.h>
+#include <quill_network/HttpResponse.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace cloud {
+
+// Uploads one local file (directory/fileName of the request) by one of three routes:
+// - the file-service upload: a multipart POST with the account fields and the file (images, and
+//   files and videos when uploadMode is not 1);
+// - a file signature request, then the file PUT to the signed object-storage address;
+// - a video signature request, then the video POSTed as a one-part form to the video address.
+// On success the request's url holds the stored object's address, with a scheme.
+class UploadTask : public ITask {
+public:
+  UploadTask(const std::string& cachePath, int type, std::shared_ptr<CloudStorageRequest> request,
+             std::shared_ptr<SerialQueue> queue, CompletionCallback completionCallback);
+  // Abandons a transfer still in flight (its completion finds the task gone and does nothing).
+  ~UploadTask() override;
+
+  bool startWithConfig(CloudStorageConfig* config) override;
+  void cancel() override;
+
+  // The one place where an upload route reports its outcome; on the queue.
+  void processUploadCompletion(const std::string& url, int code, const std::string& desc,
+                               bool retry);
+
+  // "//host/x" -> "https://host/x", "host/x" -> "https://host/x"; http(s) URLs as they are.
+  static std::string completeUrlScheme(const std::string& url);
+
+  // File-service upload.
+  std::string uploadToFileVela(const std::string& url);
+  bool uploadFileParts(std::vector<HttpPartData>& parts);
+
+  // Signature requests, and the handling of their replies (on the queue).
+  bool requestFileSignature();
+  bool requestVideoSignature();
+  void processSignatureRespose(std::shared_ptr<HttpResponse> response);
+  void processVideoSignatureRespose(std::shared_ptr<HttpResponse> response);
+
+  // Uploads to the signed addresses.
+  void uploadToTarn(std::string uploadUrl, std::string path);
+  void uploadVideoToVOD(std::string uploadUrl, std::string payUrl);
+  bool uploadVideoParts(std::vector<HttpPartData>& parts);
+
+private:
+  std::weak_ptr<UploadTask> weakSelf();
+  bool hasEnded() const;
+  // The network thread's end of a file-service upload: the reply parsed into (path, code, message).
+  static void reportFileServiceReply(const std::weak_ptr<UploadTask>& task,
+                                     const std::weak_ptr<SerialQueue>& queue,
+                                     const HttpResponse& response);
+  // The network thread's end of an object-storage or video upload.
+  static void reportSignedUploadEnd(const std::weak_ptr<UploadTask>& task,
+                                    const std::weak_ptr<SerialQueue>& queue,
+                                    const HttpResponse& response, const std::string& resultPath);
+  std::map<std::string, std::string> signatureForm();
+  std::map<std::string, std::string> videoSignatureForm();
+  void cancelSignatureRequest();
+  // The common end of a signature reply: a cancelled request gives code 3, an empty message the
+  // status text; a reply not accepted (code other than 2) is logged and ends the task. True when
+  // the upload may go on.
+  bool acceptSignatureReply(const HttpResponse& reply, int code, std::string message);
+
+  std::string signatureRequestId;
+  std::string uploadFilePath;
+};
+
+}  // namespace cloud

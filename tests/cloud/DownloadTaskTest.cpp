@@ -1,0 +1,265 @@
+#include "DownloadTestSupport.h"
+#include "LogCapture.h"
+
+#include "task/DownloadTask.h"
+
+#include <gtest/gtest.h>
+
+using quill_test::DownloadFixture;
+using quill_test::LogCapture;
+using quill_test::readAll;
+using quill_test::RecordedRequest;
+
+namespace {
+
+struct DownloadTaskTest : ::testing::Test, DownloadFixture {};
+
+}  // namespace
+
+TEST_F(DownloadTaskTest, DownloadsThroughTheCacheIntoTheDestination) {
+  signIn();
+  auto recorded = download(2, "https://files.test/report.pdf", "report.pdf");
+  ASSERT_TRUE(service->excuteRequest(recorded.request));
+  ASSERT_TRUE(transport->waitForCalls(1));
+  const auto call = transport->call(0);
+  EXPECT_EQ(call.spec.kind, quill_test::ScriptedTransport::Spec::Kind::Download);
+  EXPECT_EQ(call.spec.url, "https://files.test/report.pdf");
+  EXPECT_EQ(call.spec.path, FileUtils::appendComponent(cacheDirectory(), "report.pdf"));
+
+  transport->succeedDownload(call.id, "%PDF-1.7 body");
+  ASSERT_TRUE(recorded.waitEnded());
+  EXPECT_EQ(recorded.ended().state, 3);
+  EXPECT_EQ(recorded.ended().code, 2);
+  EXPECT_EQ(recorded.ended().message, "");
+  const auto finalPath = FileUtils::appendComponent(destination.path(), "report.pdf");
+  EXPECT_EQ(readAll(finalPath), "%PDF-1.7 body");
+  EXPECT_FALSE(FileUtils::fileExists(call.spec.path)) << "moved, not copied";
+}
+
+TEST_F(DownloadTaskTest, WithoutAUserWritesStraightToTheFinalPath) {
+  auto recorded = download(1, "https://img.test/a.png", "a.png");
+  ASSERT_TRUE(service->excuteRequest(recorded.request));
+  ASSERT_TRUE(transport->waitForCalls(1));
+  const auto call = transport->call(0);
+  const auto finalPath = FileUtils::appendComponent(destination.path(), "a.png");
+  EXPECT_EQ(call.spec.path, finalPath);
+  transport->succeedDownload(call.id, "png bytes");
+  ASSERT_TRUE(recorded.waitEnded());
+  EXPECT_EQ(recorded.ended().code, 2);
+  EXPECT_EQ(readAll(finalPath), "png bytes");
+}
+
+TEST_F(DownloadTaskTest, MapsTransferFailuresToResultCodes) {
+  LogCapture logs;
+  signIn();
+  struct Row {
+    int outcome;
+    int status;
+    int code;
+    std::string message;
+  };
+  const std::vector<Row> rows = {{2, 404, -2, "404"},   {2, 403, -3, "403"}, {2, 400, -4, "400"},
+                                 {2, 500, -100, "500"}, {2, 0, -100, "0"},   {1, 0, 3, "0"}};
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    auto recorded =
+        download(2, "https://files.test/f" + std::to_string(i), "f" + std::to_string(i));
+    ASSERT_TRUE(service->excuteRequest(recorded.request));
+    ASSERT_TRUE(transport->waitForCalls(i + 1));
+    const auto call = transport->call(i);
+    std::ofstream(call.spec.path) << "partial";  // what the engine had written
+    transport->end(call.id, rows[i].outcome, rows[i].status, "reason " + std::to_string(i));
+    ASSERT_TRUE(recorded.waitEnded());
+    EXPECT_EQ(recorded.ended().code, rows[i].code) << i;
+    EXPECT_EQ(recorded.ended().message, rows[i].message) << i;
+    EXPECT_TRUE(logs.contains(log4cplus::ERROR_LOG_LEVEL,
+                              "download response code:" + std::to_string(rows[i].status) +
+                                  " desc:reason " + std::to_string(i)));
+    EXPECT_FALSE(FileUtils::fileExists(call.spec.path)) << "temporary file removed";
+    EXPECT_FALSE(FileUtils::fileExists(
+        FileUtils::appendComponent(destination.path(), "f" + std::to_string(i))));
+  }
+  EXPECT_TRUE(logs.contains(log4cplus::INFO_LOG_LEVEL,
+                            "cloud::DownloadTask::processDownloadCompletion enter"));
+}
+
+TEST_F(DownloadTaskTest, AnEmptyBodyIsAFailureAndLandsNothing) {
+  LogCapture logs;
+  signIn();
+  auto recorded = download(2, "https://files.test/empty", "empty.bin");
+  ASSERT_TRUE(service->excuteRequest(recorded.request));
+  ASSERT_TRUE(transport->waitForCalls(1));
+  const auto call = transport->call(0);
+  transport->succeedDownload(call.id, "");
+  ASSERT_TRUE(recorded.waitEnded());
+  EXPECT_EQ(recorded.ended().code, -1);
+  EXPECT_EQ(recorded.ended().message, "");
+  EXPECT_TRUE(logs.contains(log4cplus::ERROR_LOG_LEVEL, "download file size error"));
+  EXPECT_FALSE(FileUtils::fileExists(call.spec.path));
+  EXPECT_FALSE(FileUtils::fileExists(FileUtils::appendComponent(destination.path(), "empty.bin")));
+}
+
+TEST_F(DownloadTaskTest, AFailedMoveIsAFailure) {
+  LogCapture logs;
+  signIn();
+  // A directory where the file should go makes the move fail.
+  const auto finalPath = FileUtils::appendComponent(destination.path(), "blocked");
+  ASSERT_TRUE(FileUtils::makeDirectory(FileUtils::appendComponent(finalPath, "inside")));
+  auto recorded = download(2, "https://files.test/blocked", "blocked");
+  ASSERT_TRUE(service->excuteRequest(recorded.request));
+  ASSERT_TRUE(transport->waitForCalls(1));
+  const auto call = transport->call(0);
+  transport->succeedDownload(call.id, "bytes");
+  ASSERT_TRUE(recorded.waitEnded());
+  EXPECT_EQ(recorded.ended().code, -1);
+  EXPECT_EQ(recorded.ended().message, "");
+  EXPECT_TRUE(logs.contains(log4cplus::ERROR_LOG_LEVEL,
+                            "failed to move temp file to cache path \n " + finalPath));
+  EXPECT_FALSE(FileUtils::fileExists(call.spec.path));
+}
+
+TEST_F(DownloadTaskTest, RefusesRequestsThatCannotStart) {
+  LogCapture logs;
+  struct Row {
+    std::string url;
+    std::string directory;
+    std::string fileName;
+    std::string message;
+    std::string log;
+  };
+  const auto missing = destination.file("missing");
+  const std::vector<Row> rows = {
+      {"", destination.path(), "a", "download url invaild", "download url invaild"},
+      {"https://x/a", "", "a", "the download cache path is empty",
+       "download cache path invaild: file name:a"},
+      {"https://x/a", destination.path(), "", "the download cache path is empty",
+       "download cache path invaild:" + destination.path() + " file name:"},
+      {"https://x/a", missing, "a", "the download cache path not exists",
+       "the download cache path not exists, " + missing},
+  };
+  for (const auto& row : rows) {
+    RecordedRequest recorded(false, 2);
+    recorded.request->url = row.url;
+    recorded.request->directory = row.directory;
+    recorded.request->fileName = row.fileName;
+    ASSERT_TRUE(service->excuteRequest(recorded.request));
+    ASSERT_TRUE(recorded.waitEnded()) << row.message;
+    EXPECT_EQ(recorded.ended().code, -1);
+    EXPECT_EQ(recorded.ended().message, row.message);
+    // The failure is reported first, then logged.
+    EXPECT_TRUE(quill_test::eventually([&] {
+      return logs.contains(log4cplus::ERROR_LOG_LEVEL, row.log);
+    })) << row.log;
+  }
+  EXPECT_EQ(transport->startedCalls().size(), 0u);
+}
+
+TEST(DownloadTaskDirect, RefusesOtherTypesBeforeReturning) {
+  LogCapture logs;
+  auto queue = std::make_shared<SerialQueue>("download direct");
+  for (int type : {5, 0, 1}) {
+    auto request = std::make_shared<CloudStorageRequest>(false);
+    request->url = "https://x/a";
+    std::vector<bool> retries;
+    auto task = std::make_shared<cloud::DownloadTask>(
+        "", type, request, queue,
+        [&](std::shared_ptr<cloud::ITask>, bool retry) { retries.push_back(retry); });
+    CloudStorageConfig config;
+    EXPECT_FALSE(task->startWithConfig(&config));
+    ASSERT_EQ(retries.size(), 1u) << "the failure is reported before startWithConfig returns";
+    EXPECT_FALSE(retries[0]);
+    EXPECT_EQ(request->resultCode, -1);
+    EXPECT_EQ(request->resultMessage, "download task type error");
+    EXPECT_EQ(task->state(), 3);
+    EXPECT_TRUE(logs.contains(log4cplus::ERROR_LOG_LEVEL,
+                              "download task type error, type:" + std::to_string(type)));
+  }
+}
+
+TEST(DownloadTaskDirect, WithoutConfigurationRequestOrQueueNothingHappens) {
+  auto queue = std::make_shared<SerialQueue>("download nothing");
+  auto request = std::make_shared<CloudStorageRequest>(false);
+  int completions = 0;
+  auto completion = [&](std::shared_ptr<cloud::ITask>, bool) { ++completions; };
+  CloudStorageConfig config;
+  auto noConfig = std::make_shared<cloud::DownloadTask>("", 3, request, queue, completion);
+  EXPECT_FALSE(noConfig->startWithConfig(nullptr));
+  auto noRequest = std::make_shared<cloud::DownloadTask>("", 3, nullptr, queue, completion);
+  EXPECT_FALSE(noRequest->startWithConfig(&config));
+  auto noQueue = std::make_shared<cloud::DownloadTask>("", 3, request, nullptr, completion);
+  EXPECT_FALSE(noQueue->startWithConfig(&config));
+  EXPECT_EQ(completions, 0);
+  EXPECT_EQ(request->resultCode, 1);
+}
+
+TEST_F(DownloadTaskTest, ReportsProgressAsWholePercentages) {
+  signIn();
+  auto recorded = download(2, "https://files.test/big", "big");
+  recorded.recordProgress();
+  ASSERT_TRUE(service->excuteRequest(recorded.request));
+  ASSERT_TRUE(transport->waitForCalls(1));
+  const auto call = transport->call(0);
+  ASSERT_TRUE(call.spec.progress) << "a progress function is passed when the request has one";
+  for (double done : {0.0, 10.4, 10.9, 11.0, 50.0, 99.9, 100.0}) {
+    transport->progress(call.id, done, 100);
+  }
+  transport->succeedDownload(call.id, "x");
+  ASSERT_TRUE(recorded.waitEnded());
+  EXPECT_EQ(recorded.percents(), (std::vector<int>{10, 11, 50, 99}));
+}
+
+TEST_F(DownloadTaskTest, PassesNoProgressFunctionWithoutAProgressCallback) {
+  auto recorded = download(2, "https://files.test/quiet", "quiet");
+  ASSERT_TRUE(service->excuteRequest(recorded.request));
+  ASSERT_TRUE(transport->waitForCalls(1));
+  EXPECT_FALSE(transport->call(0).spec.progress);
+}
+
+TEST_F(DownloadTaskTest, CancelsAWaitingDownloadWithoutTheNetwork) {
+  LogCapture logs;
+  std::vector<RecordedRequest> requests;
+  for (int i = 0; i < 5; ++i) {
+    requests.push_back(download(2, "https://files.test/" + std::to_string(i), std::to_string(i)));
+    requests.back().request->requestId = "d" + std::to_string(i);
+    ASSERT_TRUE(service->excuteRequest(requests.back().request));
+  }
+  ASSERT_TRUE(transport->waitForCalls(4));
+  service->cancelReqestWithID("d4");
+  ASSERT_TRUE(requests[4].waitEnded());
+  EXPECT_EQ(requests[4].ended().code, 3);
+  EXPECT_EQ(requests[4].ended().message, "");
+  EXPECT_TRUE(logs.contains(log4cplus::INFO_LOG_LEVEL, " cancel the waiting task"));
+  EXPECT_TRUE(transport->cancelledIds().empty());
+  EXPECT_EQ(transport->startedCalls().size(), 4u);
+}
+
+TEST_F(DownloadTaskTest, CancelsARunningDownloadThroughTheNetwork) {
+  signIn();
+  auto recorded = download(2, "https://files.test/slow", "slow");
+  recorded.request->requestId = "slow";
+  ASSERT_TRUE(service->excuteRequest(recorded.request));
+  ASSERT_TRUE(transport->waitForCalls(1));
+  const auto call = transport->call(0);
+  std::ofstream(call.spec.path) << "half";
+  service->cancelReqestWithID("slow");
+  ASSERT_TRUE(recorded.waitEnded());
+  EXPECT_EQ(transport->cancelledIds(), (std::vector<std::string>{call.id}));
+  EXPECT_EQ(recorded.ended().code, 3);
+  EXPECT_EQ(recorded.ended().message, "0");
+  EXPECT_FALSE(FileUtils::fileExists(call.spec.path));
+  EXPECT_FALSE(FileUtils::fileExists(FileUtils::appendComponent(destination.path(), "slow")));
+}
+
+TEST_F(DownloadTaskTest, CancelAllEndsWaitingAndRunningDownloads) {
+  std::vector<RecordedRequest> requests;
+  for (int i = 0; i < 6; ++i) {
+    requests.push_back(download(1, "https://files.test/" + std::to_string(i), std::to_string(i)));
+    ASSERT_TRUE(service->excuteRequest(requests.back().request));
+  }
+  ASSERT_TRUE(transport->waitForCalls(4));
+  service->cancelAllReqest();
+  for (auto& request : requests) {
+    ASSERT_TRUE(request.waitEnded());
+    EXPECT_EQ(request.ended().code, 3);
+  }
+  EXPECT_EQ(transport->cancelledIds().size(), 4u);
+}

@@ -1,0 +1,151 @@
+#include "CloudTestSupport.h"
+#include "LogCapture.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+using quill_test::FakeScheduler;
+using quill_test::LogCapture;
+using quill_test::RecordedRequest;
+using quill_test::TempDir;
+
+namespace {
+
+struct SchedulerRetryTest : ::testing::Test {
+  TempDir userDirectory;
+  FakeScheduler scheduler{true};
+
+  void signIn(const std::string& aid = "aid") {
+    scheduler.logic->changeUser("app", "pin", userDirectory.path());
+    scheduler.logic->changeAid(aid);
+    scheduler.settle();
+  }
+
+  // Waits until the task at `index` has been started `count` times.
+  bool waitForStarts(std::size_t index, int count) {
+    return quill_test::eventually(
+        [&] {
+          bool reached = false;
+          scheduler.onQueue([&] { reached = scheduler.task(index)->starts >= count; });
+          return reached;
+        },
+        std::chrono::seconds(10));
+  }
+};
+
+}  // namespace
+
+TEST_F(SchedulerRetryTest, RestartsAnImageDownloadAfterTwoSecondsWithoutACallback) {
+  LogCapture logs;
+  signIn();
+  RecordedRequest recorded(false, 1);
+  ASSERT_TRUE(scheduler.logic->addRequest(recorded.request));
+  scheduler.settle();
+  auto task = scheduler.task(0);
+
+  const auto askedAt = std::chrono::steady_clock::now();
+  scheduler.onQueue([&] { task->end(-100, "500", true); });
+  scheduler.onQueue([&] {
+    EXPECT_EQ(scheduler.logic->retryCount(), 1u);
+    EXPECT_TRUE(scheduler.logic->retryTimerRunning());
+    EXPECT_EQ(scheduler.logic->taskCount(), 1u) << "a retried task stays in the list";
+  });
+  EXPECT_TRUE(
+      logs.contains(log4cplus::INFO_LOG_LEVEL, "cloud::CloudStorageLogic::startRetryTimer enter"));
+
+  ASSERT_TRUE(waitForStarts(0, 2));
+  EXPECT_GE(std::chrono::steady_clock::now() - askedAt, std::chrono::milliseconds(2000));
+  EXPECT_EQ(recorded.endCount(), 0) << "no callback between the failure and the retry";
+  EXPECT_TRUE(
+      logs.contains(log4cplus::INFO_LOG_LEVEL, "cloud::CloudStorageLogic::stopRetryTimer enter"));
+  scheduler.onQueue([&] {
+    EXPECT_EQ(scheduler.logic->retryCount(), 0u);
+    EXPECT_FALSE(scheduler.logic->retryTimerRunning());
+    EXPECT_EQ(task->state(), cloud::kRunning);
+  });
+
+  scheduler.onQueue([&] { task->end(-100, "500", false); });
+  ASSERT_TRUE(recorded.waitEnded());
+  EXPECT_EQ(recorded.ended().code, -100);
+  EXPECT_EQ(recorded.endCount(), 1);
+}
+
+TEST_F(SchedulerRetryTest, RestartsAnUploadOutsideTheRunningLimit) {
+  signIn();
+  std::vector<RecordedRequest> uploads;
+  auto addUpload = [&] {
+    uploads.emplace_back(true, 1);
+    ASSERT_TRUE(scheduler.logic->addRequest(uploads.back().request));
+    scheduler.settle();
+  };
+  for (int i = 0; i < 3; ++i) {
+    addUpload();
+  }
+  auto first = scheduler.task(0);
+  // The first asks for a retry, the second succeeds: the third takes a free place, and a fourth
+  // takes the other.
+  scheduler.onQueue([&] { first->end(-100, "", true); });
+  scheduler.onQueue([&] { scheduler.task(1)->end(2, "", false); });
+  addUpload();
+  scheduler.onQueue([&] {
+    EXPECT_EQ(scheduler.task(2)->state(), cloud::kRunning);
+    EXPECT_EQ(scheduler.task(3)->state(), cloud::kRunning);
+  });
+  // The retry restarts the first although two uploads run already.
+  ASSERT_TRUE(waitForStarts(0, 2));
+  scheduler.onQueue([&] {
+    EXPECT_EQ(first->state(), cloud::kRunning);
+    EXPECT_EQ(scheduler.task(2)->state(), cloud::kRunning);
+    EXPECT_EQ(scheduler.task(3)->state(), cloud::kRunning);
+  });
+  EXPECT_EQ(uploads[0].endCount(), 0);
+}
+
+TEST_F(SchedulerRetryTest, RetriesWaitForTheConfigurationAndChangeAidReleasesThem) {
+  LogCapture logs;
+  signIn();
+  RecordedRequest upload(true, 2);
+  ASSERT_TRUE(scheduler.logic->addRequest(upload.request));
+  scheduler.settle();
+  auto task = scheduler.task(0);
+  scheduler.logic->changeAid("");  // the account went away: the configuration is incomplete
+  scheduler.onQueue([&] { task->end(-100, "", true); });
+
+  // The timer fires, finds the configuration incomplete and keeps the task, timer stopped.
+  ASSERT_TRUE(quill_test::eventually(
+      [&] { return logs.count("cloud::CloudStorageLogic::stopRetryTimer enter") >= 1; }));
+  scheduler.onQueue([&] {
+    EXPECT_EQ(scheduler.logic->retryCount(), 1u);
+    EXPECT_FALSE(scheduler.logic->retryTimerRunning());
+    EXPECT_EQ(task->starts, 1);
+  });
+
+  scheduler.logic->changeAid("aid");
+  scheduler.settle();
+  scheduler.onQueue([&] {
+    EXPECT_EQ(task->starts, 2);
+    EXPECT_EQ(task->state(), cloud::kRunning);
+    EXPECT_EQ(scheduler.logic->retryCount(), 0u);
+  });
+  EXPECT_EQ(upload.endCount(), 0);
+}
+
+TEST_F(SchedulerRetryTest, CancellingTheLastRetryingTaskStopsTheTimer) {
+  LogCapture logs;
+  RecordedRequest recorded(false, 1, "img");
+  ASSERT_TRUE(scheduler.logic->addRequest(recorded.request));
+  scheduler.settle();
+  auto task = scheduler.task(0);
+  scheduler.onQueue([&] { task->end(-100, "500", true); });
+  scheduler.logic->cancelRequestWithId("img");
+  ASSERT_TRUE(recorded.waitEnded());
+  EXPECT_EQ(recorded.ended().code, 3);
+  scheduler.onQueue([&] {
+    EXPECT_EQ(scheduler.logic->retryCount(), 0u);
+    EXPECT_FALSE(scheduler.logic->retryTimerRunning());
+    EXPECT_EQ(scheduler.logic->taskCount(), 0u);
+  });
+  EXPECT_TRUE(
+      logs.contains(log4cplus::INFO_LOG_LEVEL, "cloud::CloudStorageLogic::stopRetryTimer enter"));
+}

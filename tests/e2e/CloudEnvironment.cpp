@@ -1,0 +1,149 @@
+#include "CloudEnvironment.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+
+namespace quill_test {
+namespace {
+
+quill_fileservice::FileService* running = nullptr;
+
+// Registered before main runs; GoogleTest owns it from then on.
+[[maybe_unused]] auto* const environment =
+    ::testing::AddGlobalTestEnvironment(new CloudEnvironment);
+
+}  // namespace
+
+void CloudEnvironment::SetUp() {
+  data = std::make_unique<TempDir>();
+  quill_fileservice::Options options;
+  options.dataDirectory = data->path();
+  options.tls = true;
+  options.signingSecret = kSigningSecret;
+  running = new quill_fileservice::FileService(options);
+  ASSERT_TRUE(running->start()) << running->lastError();
+
+  const auto port = std::to_string(running->port());
+  setenv("QUILL_CA_BUNDLE", running->caCertificatePath().c_str(), 1);
+  setenv("QUILL_FILE_SERVICE_HOST", ("127.0.0.1:" + port).c_str(), 1);
+  setenv("QUILL_PRE_FILE_SERVICE_HOST", ("127.0.0.1:" + port).c_str(), 1);
+  setenv("QUILL_STATIC_HOST", ("localhost:" + port).c_str(), 1);
+  setenv("QUILL_IMAGE_CDN_HOST", ("127.0.0.1:" + port).c_str(), 1);
+}
+
+void CloudEnvironment::TearDown() {
+  delete running;
+  running = nullptr;
+  data.reset();
+}
+
+quill_fileservice::FileService& CloudEnvironment::server() {
+  return *running;
+}
+
+std::string CloudEnvironment::url(const std::string& path) {
+  return "https://127.0.0.1:" + std::to_string(running->port()) + path;
+}
+
+std::string CloudEnvironment::staticHost() {
+  return "localhost:" + std::to_string(running->port());
+}
+
+std::string CloudEnvironment::staticUrl(const std::string& path) {
+  return "https://" + staticHost() + path;
+}
+
+std::string writePattern(const std::string& path, std::size_t size, unsigned seed) {
+  std::string block(64 * 1024, '\0');
+  std::ofstream out(path, std::ios::binary);
+  std::size_t written = 0;
+  while (written < size) {
+    for (std::size_t i = 0; i < block.size(); ++i) {
+      block[i] = static_cast<char>((written + i) * 2654435761u >> 13 ^ seed);
+    }
+    const auto chunk = std::min(block.size(), size - written);
+    out.write(block.data(), static_cast<std::streamsize>(chunk));
+    written += chunk;
+  }
+  return path;
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+bool sameContent(const std::string& a, const std::string& b) {
+  std::ifstream first(a, std::ios::binary);
+  std::ifstream second(b, std::ios::binary);
+  std::string chunkA(1 << 20, '\0');
+  std::string chunkB(1 << 20, '\0');
+  while (first && second) {
+    first.read(chunkA.data(), static_cast<std::streamsize>(chunkA.size()));
+    second.read(chunkB.data(), static_cast<std::streamsize>(chunkB.size()));
+    if (first.gcount() != second.gcount() ||
+        chunkA.compare(0, static_cast<std::size_t>(first.gcount()), chunkB, 0,
+                       static_cast<std::size_t>(second.gcount())) != 0) {
+      return false;
+    }
+  }
+  return first.eof() && second.eof();
+}
+
+void recordRequestsAtFirstEnd(Tracked& tracked, std::atomic<long>& seen, std::uint64_t baseline) {
+  auto record = tracked.request->stateCallback;
+  tracked.request->stateCallback = [&seen, baseline, record](
+                                       std::shared_ptr<CloudStorageRequest> request, int state) {
+    long unset = -1;
+    seen.compare_exchange_strong(
+        unset, static_cast<long>(CloudEnvironment::server().requestCount() - baseline));
+    record(request, state);
+  };
+}
+
+Tracked::Tracked(bool upload, int kind)
+    : request(std::make_shared<CloudStorageRequest>(upload)), state(std::make_shared<State>()) {
+  request->kind = kind;
+  request->requestId = TextUtils::UUID_String();
+  auto shared = state;
+  request->stateCallback = [shared](std::shared_ptr<CloudStorageRequest> ended, int) {
+    {
+      std::lock_guard<std::mutex> lock(shared->mutex);
+      shared->code = ended->resultCode;
+      shared->message = ended->resultMessage;
+      shared->url = ended->url;
+    }
+    shared->endings.add();
+  };
+  request->progressCallback = [shared](std::shared_ptr<CloudStorageRequest>, int percent) {
+    std::lock_guard<std::mutex> lock(shared->mutex);
+    shared->percents.push_back(percent);
+  };
+}
+
+bool Tracked::waitEnded(std::chrono::milliseconds timeout) {
+  return state->endings.waitFor(1, timeout);
+}
+int Tracked::endCount() const {
+  return state->endings.value();
+}
+int Tracked::code() const {
+  std::lock_guard<std::mutex> lock(state->mutex);
+  return state->code;
+}
+std::string Tracked::message() const {
+  std::lock_guard<std::mutex> lock(state->mutex);
+  return state->message;
+}
+std::string Tracked::url() const {
+  std::lock_guard<std::mutex> lock(state->mutex);
+  return state->url;
+}
+std::vector<int> Tracked::percents() const {
+  std::lock_guard<std::mutex> lock(state->mutex);
+  return state->percents;
+}
+
+}  // namespace quill_test
