@@ -45,14 +45,26 @@ std::shared_ptr<HttpTransport> installTransport(std::shared_ptr<HttpTransport> t
 
 using quill_network_detail::TransferSpec;
 
-std::string HttpClient::downloadFile(const std::string& url, const std::string& path,
-                                     ProgressFunction progress, CompletionFunction completion) {
+namespace {
+
+TransferSpec makeSpec(TransferSpec::Kind kind, const std::string& url,
+                      HttpClient::ProgressFunction progress,
+                      HttpClient::CompletionFunction completion) {
   TransferSpec spec;
-  spec.kind = TransferSpec::Kind::Download;
+  spec.kind = kind;
   spec.url = url;
-  spec.path = path;
   spec.progress = std::move(progress);
   spec.completion = std::move(completion);
+  return spec;
+}
+
+}  // namespace
+
+std::string HttpClient::downloadFile(const std::string& url, const std::string& path,
+                                     ProgressFunction progress, CompletionFunction completion) {
+  auto spec =
+      makeSpec(TransferSpec::Kind::Download, url, std::move(progress), std::move(completion));
+  spec.path = path;
   return quill_network_detail::startTransfer(std::move(spec));
 }
 
@@ -60,39 +72,30 @@ std::string HttpClient::uploadMultipartData(const std::string& url,
                                             const std::vector<HttpPartData>& parts,
                                             ProgressFunction progress,
                                             CompletionFunction completion) {
-  TransferSpec spec;
-  spec.kind = TransferSpec::Kind::MultipartPost;
-  spec.url = url;
+  auto spec =
+      makeSpec(TransferSpec::Kind::MultipartPost, url, std::move(progress), std::move(completion));
   spec.parts = parts;
-  spec.progress = std::move(progress);
-  spec.completion = std::move(completion);
   return quill_network_detail::startTransfer(std::move(spec));
 }
 
 std::string HttpClient::uploadFile(const std::string& url, const std::string& filePath,
                                    ProgressFunction progress, CompletionFunction completion) {
-  TransferSpec spec;
-  spec.kind = TransferSpec::Kind::PutFile;
-  spec.url = url;
+  auto spec =
+      makeSpec(TransferSpec::Kind::PutFile, url, std::move(progress), std::move(completion));
   spec.path = filePath;
-  spec.progress = std::move(progress);
-  spec.completion = std::move(completion);
   return quill_network_detail::startTransfer(std::move(spec));
 }
 
 std::string HttpClient::executePost(const std::string& url,
                                     const std::map<std::string, std::string>& form,
                                     RequestSetup setup, CompletionFunction completion) {
-  TransferSpec spec;
-  spec.kind = TransferSpec::Kind::FormPost;
-  spec.url = url;
+  auto spec = makeSpec(TransferSpec::Kind::FormPost, url, nullptr, std::move(completion));
   spec.form = form;
   if (setup) {
     HttpRequest request;
     setup(request);
     spec.headers = request.headers();
   }
-  spec.completion = std::move(completion);
   return quill_network_detail::startTransfer(std::move(spec));
 }
 

@@ -19,6 +19,15 @@ void addFormHeader(HttpRequest& request) {
   request.appendHeader("Content-Type", "application/x-www-form-urlencoded;charset=utf-8");
 }
 
+// The JSON of a signature reply that arrived; false with the message set when it is not JSON.
+bool parseSignatureReply(const HttpResponse& reply, Json::Value& json, std::string& message) {
+  if (!JSONUtils::parseJSON(reply.text, json)) {
+    message = "parse signature response failed";
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 std::map<std::string, std::string> UploadTask::signatureForm() {
@@ -115,25 +124,21 @@ void UploadTask::processSignatureRespose(std::shared_ptr<HttpResponse> response)
   std::string uploadPath;
   std::string path;
 
-  if (reply.outcome == HttpResponse::kCompleted) {
-    Json::Value json;
-    if (!JSONUtils::parseJSON(reply.text, json)) {
-      message = "parse signature response failed";
+  Json::Value json;
+  if (reply.outcome == HttpResponse::kCompleted && parseSignatureReply(reply, json, message)) {
+    const int serverCode = JSONUtils::optInt("code", json, 0);
+    if (serverCode != 1) {
+      message = JSONUtils::optString("desc", json, "");
+      if (message.empty()) {
+        message = "request signature," + TextUtils::toString(serverCode);
+      }
     } else {
-      const int serverCode = JSONUtils::optInt("code", json, 0);
-      if (serverCode != 1) {
-        message = JSONUtils::optString("desc", json, "");
-        if (message.empty()) {
-          message = "request signature," + TextUtils::toString(serverCode);
-        }
+      uploadPath = JSONUtils::optString("uploadPath", json, "");
+      path = completeUrlScheme(JSONUtils::optString("path", json, ""));
+      if (!uploadPath.empty() && !path.empty()) {
+        code = 2;
       } else {
-        uploadPath = JSONUtils::optString("uploadPath", json, "");
-        path = completeUrlScheme(JSONUtils::optString("path", json, ""));
-        if (!uploadPath.empty() && !path.empty()) {
-          code = 2;
-        } else {
-          message = "signature response data invaild";
-        }
+        message = "signature response data invaild";
       }
     }
   }
@@ -153,20 +158,16 @@ void UploadTask::processVideoSignatureRespose(std::shared_ptr<HttpResponse> resp
   std::string uploadUrl;
   std::string payUrl;
 
-  if (reply.outcome == HttpResponse::kCompleted) {
-    Json::Value json;
-    if (!JSONUtils::parseJSON(reply.text, json)) {
-      message = "parse signature response failed";
+  Json::Value json;
+  if (reply.outcome == HttpResponse::kCompleted && parseSignatureReply(reply, json, message)) {
+    // No "code" to test: the two addresses are the answer.
+    uploadUrl = JSONUtils::optString("uploadUrl", json, "");
+    payUrl = completeUrlScheme(JSONUtils::optString("payUrl", json, ""));
+    if (!uploadUrl.empty() && !payUrl.empty()) {
+      code = 2;
+      message = "signature response data success";
     } else {
-      // No "code" to test: the two addresses are the answer.
-      uploadUrl = JSONUtils::optString("uploadUrl", json, "");
-      payUrl = completeUrlScheme(JSONUtils::optString("payUrl", json, ""));
-      if (!uploadUrl.empty() && !payUrl.empty()) {
-        code = 2;
-        message = "signature response data success";
-      } else {
-        message = "signature response data invaild";
-      }
+      message = "signature response data invaild";
     }
   }
   if (acceptSignatureReply(reply, code, std::move(message))) {
