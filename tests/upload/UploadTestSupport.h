@@ -17,13 +17,21 @@
 namespace quill_test {
 
 // One UploadTask on its own queue, with a scripted transport, a complete configuration and a file
-// to send. The task's ends are recorded in `ends` (code and message at that moment).
+// to send. The task's ends are recorded (code and message at that moment).
 struct UploadHarness {
   struct End {
     int code;
     std::string message;
     std::string url;
     bool retry;
+  };
+  // The task does not guard against a second ending (a cancelled transfer still reports its own
+  // end afterwards), and that report may arrive while the harness is being torn down: the record
+  // is shared with the completion callback so that a late ending never writes into a dead harness.
+  struct Record {
+    std::mutex mutex;
+    std::vector<End> ends;
+    EventCounter endings;
   };
 
   std::shared_ptr<ScriptedTransport> transport = std::make_shared<ScriptedTransport>();
@@ -32,10 +40,8 @@ struct UploadHarness {
   TempDir files;
   CloudStorageConfig config;
   RecordedRequest recorded;
+  std::shared_ptr<Record> record = std::make_shared<Record>();
   std::shared_ptr<cloud::UploadTask> task;
-  std::mutex mutex;
-  std::vector<End> ends;
-  EventCounter endings;
 
   explicit UploadHarness(int type, const std::string& fileName = "photo.png",
                          const std::string& content = "file content")
@@ -51,14 +57,21 @@ struct UploadHarness {
     if (!fileName.empty()) {
       std::ofstream(files.file(fileName), std::ios::binary) << content;
     }
+    auto shared = record;
+    std::weak_ptr<CloudStorageRequest> weakRequest = recorded.request;
     task = std::make_shared<cloud::UploadTask>(
-        "", type, recorded.request, queue, [this](std::shared_ptr<cloud::ITask>, bool retry) {
-          {
-            std::lock_guard<std::mutex> lock(mutex);
-            ends.push_back({recorded.request->resultCode, recorded.request->resultMessage,
-                            recorded.request->url, retry});
+        "", type, recorded.request, queue,
+        [shared, weakRequest](std::shared_ptr<cloud::ITask>, bool retry) {
+          auto request = weakRequest.lock();
+          if (!request) {
+            return;
           }
-          endings.add();
+          {
+            std::lock_guard<std::mutex> lock(shared->mutex);
+            shared->ends.push_back(
+                {request->resultCode, request->resultMessage, request->url, retry});
+          }
+          shared->endings.add();
         });
   }
 
@@ -79,7 +92,7 @@ struct UploadHarness {
 
   void onQueue(const std::function<void()>& work) { runOnQueue(*queue, work); }
 
-  bool waitEnded(int count = 1) { return endings.waitFor(count); }
+  bool waitEnded(int count = 1) { return record->endings.waitFor(count); }
 
   // Starts the task, ends its first transfer with the outcome, status and body given, and returns
   // the task's end.
@@ -92,11 +105,11 @@ struct UploadHarness {
   }
 
   End lastEnd() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return ends.empty() ? End{0, "", "", false} : ends.back();
+    std::lock_guard<std::mutex> lock(record->mutex);
+    return record->ends.empty() ? End{0, "", "", false} : record->ends.back();
   }
 
-  int endCount() { return endings.value(); }
+  int endCount() { return record->endings.value(); }
 };
 
 }  // namespace quill_test
