@@ -1,6 +1,7 @@
 #include <quill_base/FileUtils.h>
 #include <quill_base/ImageUtils.h>
 
+#include "TestImages.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -14,68 +15,20 @@ using quill_test::TempDir;
 
 namespace {
 
-struct ImageDeleter {
-  void operator()(VipsImage* image) const { g_object_unref(image); }
-};
-using Image = std::unique_ptr<VipsImage, ImageDeleter>;
+using quill_test::adoptImage;
+using quill_test::makeNoise;
+using quill_test::makeTransparent;
 
-Image adopt(VipsImage* image) {
-  return Image(image);
-}
-
-// A noisy sRGB image, so that encoders produce realistic amounts of data.
-Image makeNoise(int width, int height) {
-  EXPECT_EQ(VIPS_INIT("quill_base_tests"), 0);
-  VipsImage* noise = nullptr;
-  EXPECT_EQ(vips_gaussnoise(&noise, width, height, "mean", 128.0, "sigma", 40.0, nullptr), 0);
-  auto grey = adopt(noise);
-  VipsImage* joined = nullptr;
-  VipsImage* bands[] = {grey.get(), grey.get(), grey.get()};
-  EXPECT_EQ(vips_bandjoin(bands, &joined, 3, nullptr), 0);
-  auto rgb = adopt(joined);
-  VipsImage* cast = nullptr;
-  EXPECT_EQ(vips_cast_uchar(rgb.get(), &cast, nullptr), 0);
-  auto bytes = adopt(cast);
-  VipsImage* tagged = nullptr;
-  EXPECT_EQ(vips_copy(bytes.get(), &tagged, "interpretation", VIPS_INTERPRETATION_sRGB, nullptr),
-            0);
-  return adopt(tagged);
-}
-
-// A fully transparent black image with an alpha band.
-Image makeTransparent(int width, int height) {
-  EXPECT_EQ(VIPS_INIT("quill_base_tests"), 0);
-  VipsImage* black = nullptr;
-  EXPECT_EQ(vips_black(&black, width, height, "bands", 4, nullptr), 0);
-  auto rgba = adopt(black);
-  VipsImage* cast = nullptr;
-  EXPECT_EQ(vips_cast_uchar(rgba.get(), &cast, nullptr), 0);
-  auto bytes = adopt(cast);
-  VipsImage* tagged = nullptr;
-  EXPECT_EQ(vips_copy(bytes.get(), &tagged, "interpretation", VIPS_INTERPRETATION_sRGB, nullptr),
-            0);
-  return adopt(tagged);
-}
-
-struct Size {
-  int width;
-  int height;
-};
-
-Size sizeOf(const std::string& path) {
-  auto image = adopt(vips_image_new_from_file(path.c_str(), nullptr));
-  if (!image) {
+quill_test::ImageSize sizeOf(const std::string& path) {
+  const auto size = quill_test::imageSizeOf(path);
+  if (size.width == 0) {
     ADD_FAILURE() << "cannot read back " << path;
-    return {0, 0};
   }
-  return {vips_image_get_width(image.get()), vips_image_get_height(image.get())};
+  return size;
 }
 
 bool isJpeg(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  unsigned char magic[3] = {};
-  in.read(reinterpret_cast<char*>(magic), 3);
-  return in && magic[0] == 0xFF && magic[1] == 0xD8 && magic[2] == 0xFF;
+  return quill_test::isJpegFile(path);
 }
 
 bool onlyFileIn(const std::string& directory, const std::string& name) {
@@ -114,7 +67,7 @@ TEST(ImageUtils, ScalesAPngAndFlattensTransparencyOntoWhite) {
 
   ASSERT_TRUE(ImageUtils::scaleImage(200, source, target));
   EXPECT_TRUE(isJpeg(target));
-  auto result = adopt(vips_image_new_from_file(target.c_str(), nullptr));
+  auto result = adoptImage(vips_image_new_from_file(target.c_str(), nullptr));
   ASSERT_TRUE(result);
   EXPECT_EQ(vips_image_get_width(result.get()), 100);
   EXPECT_EQ(vips_image_get_height(result.get()), 200);
@@ -153,7 +106,7 @@ TEST(ImageUtils, AppliesTheExifOrientation) {
   auto image = makeNoise(400, 200);
   VipsImage* copy = nullptr;
   ASSERT_EQ(vips_copy(image.get(), &copy, nullptr), 0);
-  auto oriented = adopt(copy);
+  auto oriented = adoptImage(copy);
   vips_image_set_int(oriented.get(), VIPS_META_ORIENTATION, 6);  // stored sideways
   ASSERT_EQ(vips_jpegsave(oriented.get(), source.c_str(), nullptr), 0);
   ASSERT_EQ(sizeOf(source).width, 400);

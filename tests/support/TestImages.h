@@ -1,0 +1,153 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <vips/vips.h>
+
+#include <fstream>
+#include <memory>
+#include <string>
+
+// Real images for tests, made with libvips: noisy (so that encoders produce realistic amounts of
+// data) or transparent, encoded as JPEG, PNG or WebP.
+namespace quill_test {
+
+struct VipsImageDeleter {
+  void operator()(VipsImage* image) const { g_object_unref(image); }
+};
+using VipsImagePtr = std::unique_ptr<VipsImage, VipsImageDeleter>;
+
+inline VipsImagePtr adoptImage(VipsImage* image) {
+  return VipsImagePtr(image);
+}
+
+inline void initVips() {
+  EXPECT_EQ(VIPS_INIT("quill_tests"), 0);
+}
+
+// A noisy sRGB image; `seed` shifts the mean so that images of the same size differ.
+inline VipsImagePtr makeNoise(int width, int height, int seed = 0) {
+  initVips();
+  VipsImage* noise = nullptr;
+  EXPECT_EQ(vips_gaussnoise(&noise, width, height, "mean", 100.0 + seed % 50, "sigma", 40.0, "seed",
+                            seed, nullptr),
+            0);
+  auto grey = adoptImage(noise);
+  VipsImage* joined = nullptr;
+  VipsImage* bands[] = {grey.get(), grey.get(), grey.get()};
+  EXPECT_EQ(vips_bandjoin(bands, &joined, 3, nullptr), 0);
+  auto rgb = adoptImage(joined);
+  VipsImage* cast = nullptr;
+  EXPECT_EQ(vips_cast_uchar(rgb.get(), &cast, nullptr), 0);
+  auto bytes = adoptImage(cast);
+  VipsImage* tagged = nullptr;
+  EXPECT_EQ(vips_copy(bytes.get(), &tagged, "interpretation", VIPS_INTERPRETATION_sRGB, nullptr),
+            0);
+  return adoptImage(tagged);
+}
+
+// A smooth sRGB colour gradient, different for each seed: compresses like a photograph rather than
+// like noise, so it is quick to encode, download and decode.
+inline VipsImagePtr makeGradient(int width, int height, int seed = 0) {
+  initVips();
+  VipsImage* coordinates = nullptr;
+  EXPECT_EQ(vips_xyz(&coordinates, width, height, nullptr), 0);
+  auto xy = adoptImage(coordinates);
+  VipsImage* x = nullptr;
+  VipsImage* y = nullptr;
+  EXPECT_EQ(vips_extract_band(xy.get(), &x, 0, nullptr), 0);
+  EXPECT_EQ(vips_extract_band(xy.get(), &y, 1, nullptr), 0);
+  auto xs = adoptImage(x);
+  auto ys = adoptImage(y);
+  VipsImage* red = nullptr;
+  VipsImage* green = nullptr;
+  VipsImage* blue = nullptr;
+  EXPECT_EQ(vips_linear1(xs.get(), &red, 200.0 / width, seed % 56, nullptr), 0);
+  EXPECT_EQ(vips_linear1(ys.get(), &green, 200.0 / height, (seed * 7) % 56, nullptr), 0);
+  EXPECT_EQ(vips_linear1(xs.get(), &blue, -100.0 / width, 150 + (seed * 13) % 100, nullptr), 0);
+  auto r = adoptImage(red);
+  auto g = adoptImage(green);
+  auto b = adoptImage(blue);
+  VipsImage* joined = nullptr;
+  VipsImage* bands[] = {r.get(), g.get(), b.get()};
+  EXPECT_EQ(vips_bandjoin(bands, &joined, 3, nullptr), 0);
+  auto rgb = adoptImage(joined);
+  VipsImage* cast = nullptr;
+  EXPECT_EQ(vips_cast_uchar(rgb.get(), &cast, nullptr), 0);
+  auto bytes = adoptImage(cast);
+  VipsImage* tagged = nullptr;
+  EXPECT_EQ(vips_copy(bytes.get(), &tagged, "interpretation", VIPS_INTERPRETATION_sRGB, nullptr),
+            0);
+  return adoptImage(tagged);
+}
+
+// A fully transparent black image with an alpha band.
+inline VipsImagePtr makeTransparent(int width, int height) {
+  initVips();
+  VipsImage* black = nullptr;
+  EXPECT_EQ(vips_black(&black, width, height, "bands", 4, nullptr), 0);
+  auto rgba = adoptImage(black);
+  VipsImage* cast = nullptr;
+  EXPECT_EQ(vips_cast_uchar(rgba.get(), &cast, nullptr), 0);
+  auto bytes = adoptImage(cast);
+  VipsImage* tagged = nullptr;
+  EXPECT_EQ(vips_copy(bytes.get(), &tagged, "interpretation", VIPS_INTERPRETATION_sRGB, nullptr),
+            0);
+  return adoptImage(tagged);
+}
+
+enum class ImageFormat { kJpeg, kPng, kWebp };
+
+// The image encoded in the format, as bytes.
+inline std::string encodeImage(VipsImage* image, ImageFormat format) {
+  void* buffer = nullptr;
+  size_t length = 0;
+  int result = -1;
+  switch (format) {
+    case ImageFormat::kJpeg:
+      result = vips_jpegsave_buffer(image, &buffer, &length, nullptr);
+      break;
+    case ImageFormat::kPng:
+      result = vips_pngsave_buffer(image, &buffer, &length, "compression", 1, nullptr);
+      break;
+    case ImageFormat::kWebp:
+      result = vips_webpsave_buffer(image, &buffer, &length, "effort", 0, nullptr);
+      break;
+  }
+  EXPECT_EQ(result, 0) << vips_error_buffer();
+  std::string bytes(static_cast<const char*>(buffer), length);
+  g_free(buffer);
+  return bytes;
+}
+
+inline std::string noiseImage(int width, int height, ImageFormat format, int seed = 0) {
+  return encodeImage(makeNoise(width, height, seed).get(), format);
+}
+
+inline std::string gradientImage(int width, int height, ImageFormat format, int seed = 0) {
+  return encodeImage(makeGradient(width, height, seed).get(), format);
+}
+
+struct ImageSize {
+  int width = 0;
+  int height = 0;
+};
+
+// Width and height of an image file; 0 x 0 when it cannot be read.
+inline ImageSize imageSizeOf(const std::string& path) {
+  initVips();
+  auto image = adoptImage(vips_image_new_from_file(path.c_str(), nullptr));
+  if (!image) {
+    vips_error_clear();
+    return {};
+  }
+  return {vips_image_get_width(image.get()), vips_image_get_height(image.get())};
+}
+
+inline bool isJpegFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  unsigned char magic[3] = {};
+  in.read(reinterpret_cast<char*>(magic), 3);
+  return in && magic[0] == 0xFF && magic[1] == 0xD8 && magic[2] == 0xFF;
+}
+
+}  // namespace quill_test
