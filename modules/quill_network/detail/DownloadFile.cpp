@@ -36,7 +36,9 @@ bool DownloadFile::write(const char* data, std::size_t size) {
   if (pending.size() + size > chunkBytes && !flush()) {
     return false;
   }
-  if (size >= chunkBytes) {
+  // A piece that is large on its own (plain HTTP hands over whatever the socket held, up to the
+  // receive buffer) goes straight to the file: gathering it would only copy it once more.
+  if (size >= chunkBytes || (pending.empty() && size >= chunkBytes / 16)) {
     if (std::fwrite(data, 1, size, file) != size) {
       lastError = "writing " + path + " failed: " + std::strerror(errno);
       return false;

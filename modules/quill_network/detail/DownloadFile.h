@@ -7,9 +7,10 @@
 
 namespace quill_network_detail {
 
-// The file a download writes into. Received bytes are gathered into chunks of `chunkBytes` and each
-// chunk goes to the file in one write, so the file sees few large writes however small the pieces
-// the network delivers; memory stays at one chunk whatever the size of the download.
+// The file a download writes into. Small received pieces are gathered into chunks of `chunkBytes`
+// and each chunk goes to the file in one write, so the file sees few large writes however small the
+// pieces the network delivers; pieces of a sixteenth of a chunk or more are written as they come,
+// without the copy. Memory stays at one chunk whatever the size of the download.
 class DownloadFile {
 public:
   DownloadFile(std::string path, std::size_t chunkBytes);
