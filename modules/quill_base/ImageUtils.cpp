@@ -6,6 +6,7 @@
 
 #include <vips/vips.h>
 
+#include <cstdint>
 #include <mutex>
 #include <vector>
 
@@ -54,11 +55,38 @@ std::string takeVipsError() {
   return text;
 }
 
+// Sources larger than this are refused before any pixel is decoded: some decoders (GIF among them)
+// allocate the whole canvas a file's header claims, so a few hundred bytes could ask for gigabytes.
+constexpr std::uint64_t kMaxSourcePixels = 100'000'000;
+
+// Reads the header only; true when the image's dimensions are within kMaxSourcePixels.
+bool sourceSizeAcceptable(const std::string& source) {
+  ImageRef header;
+  *header.out() =
+      vips_image_new_from_file(source.c_str(), "access", VIPS_ACCESS_SEQUENTIAL, nullptr);
+  if (header.get() == nullptr) {
+    return true;  // unreadable: vips_thumbnail reports why
+  }
+  const auto pixels = static_cast<std::uint64_t>(vips_image_get_width(header.get())) *
+                      static_cast<std::uint64_t>(vips_image_get_height(header.get()));
+  if (pixels > kMaxSourcePixels) {
+    QLOG_WARN("image too large to scale: " << source << " (" << vips_image_get_width(header.get())
+                                           << "x" << vips_image_get_height(header.get()) << ")");
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 bool ImageUtils::scaleImage(int size, const std::string& source, const std::string& target) {
   if (size < 1 || source.empty() || target.empty() || !FileUtils::fileExists(source) ||
       !initialiseVips()) {
+    return false;
+  }
+
+  if (!sourceSizeAcceptable(source)) {
+    vips_error_clear();
     return false;
   }
 
