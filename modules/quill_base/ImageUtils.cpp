@@ -4,6 +4,8 @@
 #include <quill_base/Logger.h>
 #include <quill_base/TextUtils.h>
 
+#include "detail/JpegThumbnail.h"
+
 #include <vips/vips.h>
 
 #include <cstdint>
@@ -77,12 +79,36 @@ bool sourceSizeAcceptable(const std::string& source) {
   return true;
 }
 
+// The scaled image is written beside its target and renamed over it: readers see the old file or
+// the new one, never half of one.
+bool moveIntoPlace(const std::string& staging, const std::string& target) {
+  if (!FileUtils::moveFile(staging, target)) {
+    QLOG_WARN("cannot move scaled image to " << target);
+    FileUtils::removeFile(staging);
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 bool ImageUtils::scaleImage(int size, const std::string& source, const std::string& target) {
   if (size < 1 || source.empty() || target.empty() || !FileUtils::fileExists(source) ||
       !initialiseVips()) {
     return false;
+  }
+
+  // Most avatars are plain JPEGs: they take the fast path, everything else the general one.
+  const std::string staging = target + ".part-" + TextUtils::UUID_String();
+  switch (quill_base_detail::writeJpegThumbnail(size, source, staging, kMaxSourcePixels)) {
+    case quill_base_detail::JpegThumbnailResult::kWritten:
+      return moveIntoPlace(staging, target);
+    case quill_base_detail::JpegThumbnailResult::kTooLarge:
+      QLOG_WARN("image too large to scale: " << source);
+      return false;
+    case quill_base_detail::JpegThumbnailResult::kNotHandled:
+      FileUtils::removeFile(staging);
+      break;
   }
 
   if (!sourceSizeAcceptable(source)) {
@@ -118,16 +144,10 @@ bool ImageUtils::scaleImage(int size, const std::string& source, const std::stri
     opaque = flattened.get();
   }
 
-  const std::string staging = target + ".part-" + TextUtils::UUID_String();
   if (vips_jpegsave(opaque, staging.c_str(), "Q", 85, "strip", TRUE, nullptr) != 0) {
     QLOG_WARN("cannot scale image " << source << " to " << target << ": " << takeVipsError());
     FileUtils::removeFile(staging);
     return false;
   }
-  if (!FileUtils::moveFile(staging, target)) {
-    QLOG_WARN("cannot move scaled image to " << target);
-    FileUtils::removeFile(staging);
-    return false;
-  }
-  return true;
+  return moveIntoPlace(staging, target);
 }

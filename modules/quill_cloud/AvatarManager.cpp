@@ -7,6 +7,9 @@
 #include <quill_base/SerialQueue.h>
 #include <quill_base/TextUtils.h>
 
+#include <algorithm>
+#include <thread>
+
 namespace {
 
 // Avatars are kept as squares of at most this many pixels a side.
@@ -16,10 +19,16 @@ constexpr int kAvatarSize = 200;
 
 AvatarManager::AvatarManager(std::shared_ptr<SerialQueue> queue,
                              std::shared_ptr<CloudStorageService> service)
-    : queue(std::move(queue)), service(std::move(service)) {}
+    : queue(std::move(queue)), service(std::move(service)) {
+  const unsigned cores = std::max(1u, std::min(4u, std::thread::hardware_concurrency()));
+  for (unsigned i = 0; i < cores; ++i) {
+    scalers.push_back(std::make_shared<SerialQueue>("avatar scaler"));
+  }
+}
 
 AvatarManager::~AvatarManager() {
-  // The queue and the service go first; the rest follows in reverse order of declaration.
+  // The queue and the service go first; the rest follows in reverse order of declaration. Scaling
+  // still queued is dropped with the scalers.
   queue.reset();
   service.reset();
 }
@@ -98,41 +107,53 @@ std::string AvatarManager::downloadAvatar(const std::string& identifier, const s
   }
   request->fileName = TextUtils::hashString(url);
   std::weak_ptr<AvatarManager> weakSelf = weak_from_this();
-  request->stateCallback = [weakSelf](std::shared_ptr<CloudStorageRequest> ended, int state) {
+  // The avatar is known by the URL asked for: an image download retried on the image CDN host
+  // ends with the request's url rewritten.
+  request->stateCallback = [weakSelf, url](std::shared_ptr<CloudStorageRequest> ended, int state) {
     if (state != 3 || !ended) {
       return;
     }
     if (auto self = weakSelf.lock()) {
-      self->downloadStateChanged(ended, 3);
+      self->downloadStateChanged(url, ended, 3);
     }
   };
   service->excuteRequest(request);
   return "";
 }
 
-void AvatarManager::downloadStateChanged(std::shared_ptr<CloudStorageRequest> request, int) {
-  weakAsync([this, request] {
-    if (request) {
-      downloadComplete(request->url, request->resultCode == 2);
+void AvatarManager::downloadStateChanged(const std::string& url,
+                                         std::shared_ptr<CloudStorageRequest> request, int) {
+  if (!request) {
+    return;
+  }
+  if (request->resultCode != 2) {
+    weakAsync([this, url] { downloadComplete(url, false); });
+    return;
+  }
+  auto& scaler = scalers[nextScaler.fetch_add(1) % scalers.size()];
+  std::weak_ptr<AvatarManager> weakSelf = weak_from_this();
+  scaler->dispatch([weakSelf, url] {
+    if (auto self = weakSelf.lock()) {
+      const bool scaled = self->scaleDownloaded(url);
+      self->weakAsync([self = self.get(), url, scaled] { self->downloadComplete(url, scaled); });
     }
   });
 }
 
-void AvatarManager::downloadComplete(const std::string& url, bool success) {
-  if (success) {
-    const std::string temp = avatarTempPath(url);
-    const std::string final = avatarPath(url);
-    if (FileUtils::fileExists(temp)) {
-      success = ImageUtils::scaleImage(kAvatarSize, temp, final);
-      if (success) {
-        success = FileUtils::fileExists(final);
-      }
-    } else {
-      success = false;
-    }
-    FileUtils::removeFile(temp);
+bool AvatarManager::scaleDownloaded(const std::string& url) {
+  const std::string temp = avatarTempPath(url);
+  const std::string final = avatarPath(url);
+  bool success = false;
+  if (FileUtils::fileExists(temp)) {
+    success = ImageUtils::scaleImage(kAvatarSize, temp, final) && FileUtils::fileExists(final);
   }
+  FileUtils::removeFile(temp);
+  return success;
+}
 
+// The download has ended and, when it succeeded, has been scaled: forget it, and tell the listener
+// when the avatar is ready.
+void AvatarManager::downloadComplete(const std::string& url, bool success) {
   std::string identifier;
   {
     std::lock_guard<std::mutex> lock(pendingMutex);

@@ -183,3 +183,19 @@ TEST_F(AvatarDownload, WithoutAListenerTheAvatarIsStillCached) {
   EXPECT_TRUE(
       quill_test::eventually([&] { return FileUtils::fileExists(manager->avatarPath(kUrl)); }));
 }
+
+TEST_F(AvatarDownload, AnAvatarRetriedOnTheImageCdnHostIsKeptUnderItsOwnUrl) {
+  makeDirectories();
+  const std::string url = "https://static.quill.example/people/9.jpg";
+  manager->downloadAvatar("cdn", url);
+  ASSERT_TRUE(transport->waitForCalls(1));
+  transport->end(transport->call(0).id, 2, 500, "");
+  // The image retry starts the download again, on the image CDN host.
+  ASSERT_TRUE(transport->waitForCalls(2));
+  EXPECT_EQ(transport->call(1).spec.url, "https://img.quill.example/people/9.jpg");
+  deliver(1, noiseImage(400, 400, ImageFormat::kJpeg));
+  ASSERT_TRUE(listener.calls.waitFor(1));
+  EXPECT_EQ(listener.told(), std::vector<std::string>{"cdn"});
+  EXPECT_TRUE(FileUtils::fileExists(manager->avatarPath(url)));
+  EXPECT_EQ(manager->downloadAvatar("cdn", url), manager->avatarPath(url));
+}

@@ -169,3 +169,85 @@ TEST(ImageUtils, ReplacesAnExistingTargetWithTheNewPicture) {
   ASSERT_TRUE(ImageUtils::scaleImage(200, wide, target));
   EXPECT_EQ(sizeOf(target).width, 50);
 }
+
+namespace {
+
+// Mean absolute difference per band value between two images of the same size.
+double meanDifference(VipsImage* a, VipsImage* b) {
+  VipsImage* difference = nullptr;
+  EXPECT_EQ(vips_subtract(a, b, &difference, nullptr), 0);
+  auto owned = adoptImage(difference);
+  VipsImage* magnitude = nullptr;
+  EXPECT_EQ(vips_abs(owned.get(), &magnitude, nullptr), 0);
+  auto absolute = adoptImage(magnitude);
+  double mean = 0;
+  EXPECT_EQ(vips_avg(absolute.get(), &mean, nullptr), 0);
+  return mean;
+}
+
+}  // namespace
+
+TEST(ImageUtils, APlainJpegComesOutLikeTheGeneralPipelineWouldMakeIt) {
+  TempDir dir;
+  for (const auto& side : {std::pair<int, int>{1600, 1200}, {300, 900}, {333, 250}}) {
+    const auto source = dir.file("smooth.jpg");
+    ASSERT_EQ(vips_jpegsave(quill_test::makeGradient(side.first, side.second, 7).get(),
+                            source.c_str(), "Q", 95, nullptr),
+              0);
+    const auto target = dir.file("avatar.jpg");
+    ASSERT_TRUE(ImageUtils::scaleImage(200, source, target));
+
+    VipsImage* reference = nullptr;
+    ASSERT_EQ(vips_thumbnail(source.c_str(), &reference, 200, "height", 200, nullptr), 0);
+    auto expected = adoptImage(reference);
+    auto actual = adoptImage(vips_image_new_from_file(target.c_str(), nullptr));
+    ASSERT_TRUE(actual);
+    EXPECT_NEAR(vips_image_get_width(actual.get()), vips_image_get_width(expected.get()), 1)
+        << side.first << "x" << side.second;
+    EXPECT_NEAR(vips_image_get_height(actual.get()), vips_image_get_height(expected.get()), 1);
+    EXPECT_EQ(std::max(vips_image_get_width(actual.get()), vips_image_get_height(actual.get())),
+              200);
+    if (side.first == 1600) {
+      // Exactly 200 x 150 both ways: compare the pixels.
+      ASSERT_EQ(vips_image_get_width(actual.get()), vips_image_get_width(expected.get()));
+      ASSERT_EQ(vips_image_get_height(actual.get()), vips_image_get_height(expected.get()));
+      const double difference = meanDifference(actual.get(), expected.get());
+      EXPECT_LT(difference, 4.0) << "the same picture";
+    }
+  }
+}
+
+TEST(ImageUtils, AGreyscaleJpegIsScaled) {
+  TempDir dir;
+  const auto source = dir.file("grey.jpg");
+  VipsImage* grey = nullptr;
+  ASSERT_EQ(vips_colourspace(makeNoise(800, 400).get(), &grey, VIPS_INTERPRETATION_B_W, nullptr),
+            0);
+  auto owned = adoptImage(grey);
+  ASSERT_EQ(vips_jpegsave(owned.get(), source.c_str(), nullptr), 0);
+  const auto target = dir.file("avatar.jpg");
+  ASSERT_TRUE(ImageUtils::scaleImage(200, source, target));
+  EXPECT_EQ(sizeOf(target).width, 200);
+  EXPECT_EQ(sizeOf(target).height, 100);
+}
+
+TEST(ImageUtils, RefusesAJpegWhoseHeaderClaimsTooManyPixels) {
+  TempDir dir;
+  const auto source = dir.file("huge.jpg");
+  ASSERT_EQ(vips_jpegsave(makeNoise(64, 64).get(), source.c_str(), nullptr), 0);
+  // Rewrite the frame header to claim 60000 x 60000 pixels; nothing may be decoded.
+  std::string bytes;
+  {
+    std::ifstream in(source, std::ios::binary);
+    bytes.assign(std::istreambuf_iterator<char>(in), {});
+  }
+  const auto frame = bytes.find("\xFF\xC0");
+  ASSERT_NE(frame, std::string::npos);
+  const char claimed[] = {'\xEA', '\x60', '\xEA', '\x60'};  // 60000, big-endian, twice
+  bytes.replace(frame + 5, 4, claimed, 4);
+  std::ofstream(source, std::ios::binary | std::ios::trunc) << bytes;
+  const auto target = dir.file("avatar.jpg");
+
+  EXPECT_FALSE(ImageUtils::scaleImage(200, source, target));
+  EXPECT_TRUE(onlyFileIn(dir.path(), "huge.jpg")) << "no temporary file left behind";
+}

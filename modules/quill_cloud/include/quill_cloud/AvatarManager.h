@@ -3,11 +3,13 @@
 #include <quill_cloud/CloudStorageRequest.h>
 #include <quill_cloud/quill_cloud_export.h>
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 class CloudStorageService;
 class SerialQueue;
@@ -78,7 +80,9 @@ public:
 
 private:
   std::string avatarTempPath(const std::string& url);
-  void downloadStateChanged(std::shared_ptr<CloudStorageRequest> request, int state);
+  void downloadStateChanged(const std::string& url, std::shared_ptr<CloudStorageRequest> request,
+                            int state);
+  bool scaleDownloaded(const std::string& url);
   void downloadComplete(const std::string& url, bool success);
   void uploadStateChanged(std::function<void(const std::string&)> callback,
                           std::shared_ptr<CloudStorageRequest> request, int state);
@@ -95,4 +99,8 @@ private:
   // Guards pendingDownloads, which downloadAvatar (any thread) and downloadComplete (the queue)
   // both change.
   std::mutex pendingMutex;
+  // Downloaded avatars are scaled on these, one per core, so that a burst of avatars is not
+  // scaled one after another on the queue; the outcome goes back to the queue.
+  std::vector<std::shared_ptr<SerialQueue>> scalers;
+  std::atomic<unsigned> nextScaler{0};
 };
