@@ -1,0 +1,315 @@
+#include "Session.h"
+
+#include <quill_base/FileUtils.h>
+#include <quill_base/Logger.h>
+#include <quill_base/TextUtils.h>
+
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+
+namespace quill_cli {
+namespace {
+
+sigset_t stopSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGTERM);
+  return set;
+}
+
+// How long to go on waiting for cancelled requests to end before giving up on them.
+constexpr auto kCancelGrace = std::chrono::seconds(30);
+constexpr long kTickNanoseconds = 50L * 1000 * 1000;
+
+std::string absolutePath(const std::string& path) {
+  std::error_code error;
+  const auto absolute = std::filesystem::absolute(path, error);
+  return error ? path : absolute.lexically_normal().string();
+}
+
+}  // namespace
+
+bool blockStopSignals() {
+  const sigset_t set = stopSignals();
+  struct sigaction ignore {};
+  ignore.sa_handler = SIG_IGN;
+  sigemptyset(&ignore.sa_mask);
+  return pthread_sigmask(SIG_BLOCK, &set, nullptr) == 0 &&
+         sigaction(SIGPIPE, &ignore, nullptr) == 0;
+}
+
+std::string defaultUserDirectory() {
+  if (const char* data = std::getenv("XDG_DATA_HOME"); data != nullptr && *data != '\0') {
+    return FileUtils::appendComponent(data, "quill-cloud");
+  }
+  if (const char* home = std::getenv("HOME"); home != nullptr && *home != '\0') {
+    return FileUtils::appendComponent(home, ".local/share/quill-cloud");
+  }
+  return "/tmp/quill-cloud-" + std::to_string(getuid());
+}
+
+std::string kindName(int kind) {
+  switch (kind) {
+    case 1:
+      return "image";
+    case 2:
+      return "file";
+    case 3:
+      return "video";
+    default:
+      return "kind " + std::to_string(kind);
+  }
+}
+
+std::string uploadRoute(const std::string& url) {
+  if (url.find("/objects/") != std::string::npos) {
+    return "signature + object storage";
+  }
+  if (url.find("/vod/") != std::string::npos) {
+    return "video signature + upload";
+  }
+  if (url.find("/files/") != std::string::npos) {
+    return "file service";
+  }
+  return "-";
+}
+
+std::string hostOfUrl(const std::string& url) {
+  auto start = url.find("//");
+  start = start == std::string::npos ? 0 : start + 2;
+  const auto end = url.find_first_of("/?#", start);
+  return url.substr(start, end == std::string::npos ? std::string::npos : end - start);
+}
+
+std::string nameFromUrl(const std::string& url) {
+  auto end = url.find_first_of("?#");
+  std::string path = url.substr(0, end);
+  const auto hostStart = path.find("//");
+  if (hostStart != std::string::npos) {
+    const auto pathStart = path.find('/', hostStart + 2);
+    path = pathStart == std::string::npos ? std::string() : path.substr(pathStart);
+  }
+  while (!path.empty() && path.back() == '/') {
+    path.pop_back();
+  }
+  const auto slash = path.rfind('/');
+  std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+  if (name.empty() || name == "." || name == "..") {
+    return "download";
+  }
+  return name;
+}
+
+Session::Session(const CommonOptions& options) : userDir(absolutePath(options.userDirectory)) {
+  FileUtils::makeDirectory(userDir);
+  if (options.verbose) {
+    Logger::logToConsole();
+  } else if (const char* file = std::getenv("QUILL_LOG_FILE"); file != nullptr && *file != '\0') {
+    logPath = file;
+  } else {
+    logPath = FileUtils::appendComponent(userDir, "quill-cloud.log");
+    if (!Logger::logToFile(logPath)) {
+      std::fprintf(stderr, "quill-cloud: cannot write the log to %s; logging is off\n",
+                   logPath.c_str());
+      Logger::setLevel("OFF");
+      logPath.clear();
+    }
+  }
+
+  cloud = std::make_shared<CloudStorageService>(true);
+  cloud->changeUser(options.appId, options.pin, userDir);
+  if (!options.aid.empty()) {
+    cloud->changeAid(options.aid);
+  }
+}
+
+Session::~Session() = default;
+
+std::shared_ptr<Transfer> Session::download(const std::string& url, const std::string& directory,
+                                            const std::string& name, int kind, EndHook onEnd) {
+  TransferState initial;
+  initial.operation = "download";
+  initial.kind = kindName(kind);
+  initial.label = name;
+  initial.source = url;
+  initial.url = url;
+  initial.path = FileUtils::appendComponent(absolutePath(directory), name);
+  initial.route = "GET " + hostOfUrl(url);
+  auto transfer = std::make_shared<Transfer>(initial);
+
+  auto request = std::make_shared<CloudStorageRequest>(false);
+  request->kind = kind;
+  request->requestId = TextUtils::UUID_String();
+  request->url = url;
+  request->directory = absolutePath(directory);
+  request->fileName = name;
+  transfer->request = request;
+  transfer->requestId = request->requestId;
+  // The library lets a download grow in the user's cache directory and moves it into place at the
+  // end; watching that file gives the byte count, which the percentages alone cannot.
+  transfer->growingFile =
+      FileUtils::appendComponent(FileUtils::appendComponent(userDir, "cloud_storage_caches"), name);
+
+  // The request must not own its transfer (the transfer holds the request).
+  const std::weak_ptr<Transfer> weak = transfer;
+  const std::string finalPath = initial.path;
+  const std::string sourceHost = hostOfUrl(url);
+  request->progressCallback = [weak](std::shared_ptr<CloudStorageRequest>, int percent) {
+    if (auto self = weak.lock()) {
+      self->update(
+          [percent](TransferState& state) { state.percent = std::max(state.percent, percent); });
+    }
+  };
+  request->stateCallback = [weak, finalPath, sourceHost, onEnd](
+                               std::shared_ptr<CloudStorageRequest> ended, int) {
+    auto self = weak.lock();
+    if (!self || !ended) {
+      return;
+    }
+    if (onEnd) {
+      onEnd(*ended);
+    }
+    const bool ok = ended->resultCode == 2;
+    const auto bytes = ok ? static_cast<std::int64_t>(FileUtils::fileSize(finalPath)) : 0;
+    const std::string finalUrl = ended->url;
+    self->update([&](TransferState& state) {
+      state.url = finalUrl;
+      state.bytes = bytes;
+      if (ok) {
+        state.percent = 100;
+      }
+      const auto host = hostOfUrl(finalUrl);
+      state.route = host == sourceHost ? "GET " + host : "GET " + sourceHost + ", retry " + host;
+    });
+    self->end(ended->resultCode, ended->resultMessage);
+  };
+
+  if (!cloud->excuteRequest(request)) {
+    transfer->end(-1, "the library refused the request");
+  }
+  return transfer;
+}
+
+std::shared_ptr<Transfer> Session::upload(const std::string& path, int kind) {
+  const auto absolute = absolutePath(path);
+  TransferState initial;
+  initial.operation = "upload";
+  initial.kind = kindName(kind);
+  initial.label = FileUtils::fileName(absolute);
+  initial.source = absolute;
+  initial.path = absolute;
+  initial.totalBytes = static_cast<std::int64_t>(FileUtils::fileSize(absolute));
+  auto transfer = std::make_shared<Transfer>(initial);
+
+  auto request = std::make_shared<CloudStorageRequest>(true);
+  request->kind = kind;
+  request->requestId = TextUtils::UUID_String();
+  request->directory = FileUtils::fileDir(absolute);
+  request->fileName = FileUtils::fileName(absolute);
+  transfer->request = request;
+  transfer->requestId = request->requestId;
+
+  const std::weak_ptr<Transfer> weak = transfer;
+  const auto total = initial.totalBytes;
+  request->progressCallback = [weak, total](std::shared_ptr<CloudStorageRequest>, int percent) {
+    if (auto self = weak.lock()) {
+      self->update([percent, total](TransferState& state) {
+        state.percent = std::max(state.percent, percent);
+        state.bytes = total * state.percent / 100;
+      });
+    }
+  };
+  request->stateCallback = [weak](std::shared_ptr<CloudStorageRequest> ended, int) {
+    auto self = weak.lock();
+    if (!self || !ended) {
+      return;
+    }
+    const bool ok = ended->resultCode == 2;
+    const std::string url = ended->url;
+    const auto size = ended->fileSize;
+    self->update([&](TransferState& state) {
+      state.url = url;
+      if (ok) {
+        state.percent = 100;
+        state.bytes = size;
+        state.route = uploadRoute(url);
+      }
+    });
+    self->end(ended->resultCode, ended->resultMessage);
+  };
+
+  if (!cloud->excuteRequest(request)) {
+    transfer->end(-1, "the library refused the request");
+  }
+  return transfer;
+}
+
+void Session::cancelEverything(const TransferList& transfers) {
+  cloud->cancelAllReqest();
+  for (const auto& transfer : transfers) {
+    // Avatar downloads end through the avatar manager's listener, which hears of successes only: a
+    // cancelled one is never announced, so it is counted as ended here.
+    if (!transfer->request) {
+      transfer->end(3, "cancelled");
+    }
+  }
+}
+
+bool Session::wait(const TransferList& transfers, Display& display) {
+  display.follow(transfers);
+  const sigset_t signals = stopSignals();
+  auto giveUp = Clock::time_point::max();
+  bool cancelled = false;
+
+  for (;;) {
+    const auto now = Clock::now();
+    bool allEnded = true;
+    for (const auto& transfer : transfers) {
+      if (transfer->ended()) {
+        continue;
+      }
+      if (now >= transfer->deadline) {
+        cloud->cancelReqestWithID(transfer->requestId);
+        transfer->end(-1, "no avatar in time: the download or the scaling failed");
+        continue;
+      }
+      if (!transfer->growingFile.empty() && FileUtils::fileExists(transfer->growingFile)) {
+        const auto size = static_cast<std::int64_t>(FileUtils::fileSize(transfer->growingFile));
+        transfer->update([size](TransferState& state) {
+          if (!state.ended) {
+            state.bytes = std::max(state.bytes, size);
+          }
+        });
+      }
+      allEnded = allEnded && transfer->ended();
+    }
+    display.refresh();
+    if (allEnded) {
+      break;
+    }
+    if (now >= giveUp) {
+      for (const auto& transfer : transfers) {
+        transfer->end(3, "cancelled, but the library did not confirm it in time");
+      }
+      continue;
+    }
+
+    const timespec tick{0, kTickNanoseconds};
+    const int signal = sigtimedwait(&signals, nullptr, &tick);
+    if ((signal == SIGINT || signal == SIGTERM) && !cancelled) {
+      cancelled = true;
+      wasInterrupted = true;
+      giveUp = Clock::now() + kCancelGrace;
+      cancelEverything(transfers);
+    }
+  }
+  return !cancelled;
+}
+
+}  // namespace quill_cli

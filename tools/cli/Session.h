@@ -1,0 +1,93 @@
+#pragma once
+
+#include "Display.h"
+#include "Transfer.h"
+
+#include <quill_cloud/CloudStorageService.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace quill_cli {
+
+// Exit statuses of the tool.
+constexpr int kExitOk = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+constexpr int kExitInterrupted = 130;
+
+// Options every command shares; environment variables fill in what the command line leaves out.
+struct CommonOptions {
+  std::string appId;
+  std::string aid;
+  std::string pin;
+  std::string userDirectory;
+  bool json = false;
+  bool verbose = false;
+  bool quiet = false;
+
+  bool hasIdentity() const { return !appId.empty() && !aid.empty() && !pin.empty(); }
+};
+
+// $XDG_DATA_HOME/quill-cloud, else ~/.local/share/quill-cloud, else /tmp/quill-cloud-<uid>.
+std::string defaultUserDirectory();
+
+// SIGINT and SIGTERM are blocked in every thread (threads started later inherit the mask) and only
+// ever taken by Session::wait, so a Ctrl-C is handled on the main thread, between two redraws.
+// Call first thing in main, before any thread exists. SIGPIPE is ignored.
+bool blockStopSignals();
+
+// The library as the tool uses it: one CloudStorageService, set up for the user, and the
+// transfers handed to it.
+class Session {
+public:
+  // Makes the user directory, sends the library's log to "<user>/quill-cloud.log" (or to the
+  // console with verbose, or wherever QUILL_LOG_FILE says), then makes the service.
+  explicit Session(const CommonOptions& options);
+  ~Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  const std::shared_ptr<CloudStorageService>& service() const { return cloud; }
+  const std::string& userDirectory() const { return userDir; }
+  std::string logFile() const { return logPath; }
+
+  // Called on the service's queue when a request has ended, before its transfer is marked ended.
+  using EndHook = std::function<void(const CloudStorageRequest&)>;
+
+  // Hands a download to the library: `url` into `directory`/`name`; kind 1 image, 2 file.
+  std::shared_ptr<Transfer> download(const std::string& url, const std::string& directory,
+                                     const std::string& name, int kind, EndHook onEnd = nullptr);
+  // Hands an upload to the library; kind 1 image, 2 file, 3 video.
+  std::shared_ptr<Transfer> upload(const std::string& path, int kind);
+
+  // Waits until every transfer has ended, drawing progress. On SIGINT or SIGTERM cancels everything
+  // (cancelAllReqest) and goes on waiting until every request has ended. True unless interrupted.
+  bool wait(const TransferList& transfers, Display& display);
+
+  bool interrupted() const { return wasInterrupted; }
+
+  // Lets go of the service: once it is destroyed no callback of it starts any more.
+  void shutdown() { cloud.reset(); }
+
+private:
+  void cancelEverything(const TransferList& transfers);
+
+  std::string userDir;
+  std::string logPath;
+  std::shared_ptr<CloudStorageService> cloud;
+  bool wasInterrupted = false;
+};
+
+// "upload", "image" ... for a kind number.
+std::string kindName(int kind);
+// The route a finished upload took, told by the path of the URL it got.
+std::string uploadRoute(const std::string& url);
+// The last path component of a URL, without query; "download" when there is none.
+std::string nameFromUrl(const std::string& url);
+// "host:port" of a URL.
+std::string hostOfUrl(const std::string& url);
+
+}  // namespace quill_cli
