@@ -130,19 +130,26 @@ void AvatarManager::downloadStateChanged(const std::string& url,
     weakAsync([this, url] { downloadComplete(url, false); });
     return;
   }
-  auto& scaler = scalers[nextScaler.fetch_add(1) % scalers.size()];
+  // The scaler holds no reference to the manager, so that a manager let go by its host is never
+  // kept alive (nor destroyed) by a scaling in progress; the outcome is posted as weakAsync would.
   std::weak_ptr<AvatarManager> weakSelf = weak_from_this();
-  scaler->dispatch([weakSelf, url] {
-    if (auto self = weakSelf.lock()) {
-      const bool scaled = self->scaleDownloaded(url);
-      self->weakAsync([self = self.get(), url, scaled] { self->downloadComplete(url, scaled); });
+  std::shared_ptr<SerialQueue> target = queue;
+  const std::string temp = avatarTempPath(url);
+  const std::string final = avatarPath(url);
+  auto& scaler = scalers[nextScaler.fetch_add(1) % scalers.size()];
+  scaler->dispatch([weakSelf, target, url, temp, final] {
+    const bool scaled = scaleDownloaded(temp, final);
+    if (target) {
+      target->dispatch([weakSelf, url, scaled] {
+        if (auto self = weakSelf.lock()) {
+          self->downloadComplete(url, scaled);
+        }
+      });
     }
   });
 }
 
-bool AvatarManager::scaleDownloaded(const std::string& url) {
-  const std::string temp = avatarTempPath(url);
-  const std::string final = avatarPath(url);
+bool AvatarManager::scaleDownloaded(const std::string& temp, const std::string& final) {
   bool success = false;
   if (FileUtils::fileExists(temp)) {
     success = ImageUtils::scaleImage(kAvatarSize, temp, final) && FileUtils::fileExists(final);

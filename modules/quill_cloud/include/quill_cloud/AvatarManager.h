@@ -82,7 +82,7 @@ private:
   std::string avatarTempPath(const std::string& url);
   void downloadStateChanged(const std::string& url, std::shared_ptr<CloudStorageRequest> request,
                             int state);
-  bool scaleDownloaded(const std::string& url);
+  static bool scaleDownloaded(const std::string& temp, const std::string& final);
   void downloadComplete(const std::string& url, bool success);
   void uploadStateChanged(std::function<void(const std::string&)> callback,
                           std::shared_ptr<CloudStorageRequest> request, int state);
