@@ -3,7 +3,9 @@
 #include <quill_base/TextUtils.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <system_error>
 #include <vector>
 
@@ -177,4 +179,26 @@ bool FileUtils::removeFiles(const std::string& directory, unsigned long long val
     }
   }
   return removedAll && total <= value;
+}
+
+bool FileUtils::sameContent(const std::string& first, const std::string& second) {
+  if (!fileExists(first) || !fileExists(second) || fileSize(first) != fileSize(second)) {
+    return false;
+  }
+  std::ifstream a(first, std::ios::binary);
+  std::ifstream b(second, std::ios::binary);
+  if (!a || !b) {
+    return false;
+  }
+  std::vector<char> chunkA(1 << 20);
+  std::vector<char> chunkB(1 << 20);
+  while (a && b) {
+    a.read(chunkA.data(), static_cast<std::streamsize>(chunkA.size()));
+    b.read(chunkB.data(), static_cast<std::streamsize>(chunkB.size()));
+    if (a.gcount() != b.gcount() ||
+        std::memcmp(chunkA.data(), chunkB.data(), static_cast<std::size_t>(a.gcount())) != 0) {
+      return false;
+    }
+  }
+  return a.eof() && b.eof();
 }

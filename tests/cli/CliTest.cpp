@@ -102,7 +102,7 @@ TEST_F(CliTest, UploadsEachKindAndPrintsTheStoredUrl) {
         << kind.flag << ": " << printed[0];
     const auto stored = CloudEnvironment::server().storedFile(urlPath(printed[0]));
     ASSERT_FALSE(stored.empty()) << printed[0];
-    EXPECT_TRUE(quill_cli::sameContent(stored, kind.path)) << kind.flag;
+    EXPECT_TRUE(FileUtils::sameContent(stored, kind.path)) << kind.flag;
   }
 }
 
@@ -116,15 +116,15 @@ TEST_F(CliTest, DownloadsSeveralUrlsIntoADirectory) {
   ASSERT_EQ(outcome.status, 0) << outcome.errors;
   const auto printed = lines(outcome.output);
   ASSERT_EQ(printed.size(), 2u) << outcome.output;
-  EXPECT_TRUE(quill_cli::sameContent(printed[0], firstLocal)) << printed[0];
-  EXPECT_TRUE(quill_cli::sameContent(printed[1], secondLocal)) << printed[1];
+  EXPECT_TRUE(FileUtils::sameContent(printed[0], firstLocal)) << printed[0];
+  EXPECT_TRUE(FileUtils::sameContent(printed[1], secondLocal)) << printed[1];
   EXPECT_EQ(FileUtils::fileDir(printed[0]), destination);
 
   const auto named = runTool(withIdentity({"download", CloudEnvironment::url(secondPath), "--dir",
                                            destination, "--name", "renamed.dat"}));
   ASSERT_EQ(named.status, 0) << named.errors;
   EXPECT_TRUE(
-      quill_cli::sameContent(FileUtils::appendComponent(destination, "renamed.dat"), secondLocal));
+      FileUtils::sameContent(FileUtils::appendComponent(destination, "renamed.dat"), secondLocal));
 }
 
 TEST_F(CliTest, JsonGivesOneRecordPerRequest) {
@@ -144,7 +144,7 @@ TEST_F(CliTest, JsonGivesOneRecordPerRequest) {
   EXPECT_EQ(good["url"].asString(), CloudEnvironment::url(path));
   EXPECT_EQ(good["bytes"].asInt64(), 256 * 1024 + 5);
   EXPECT_GE(good["seconds"].asDouble(), 0.0);
-  EXPECT_TRUE(quill_cli::sameContent(good["path"].asString(), local));
+  EXPECT_TRUE(FileUtils::sameContent(good["path"].asString(), local));
 
   const auto missing = parse(records[1]);
   EXPECT_EQ(missing["code"].asInt(), -2);

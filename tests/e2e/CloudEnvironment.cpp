@@ -55,43 +55,6 @@ std::string CloudEnvironment::staticUrl(const std::string& path) {
   return "https://" + staticHost() + path;
 }
 
-std::string writePattern(const std::string& path, std::size_t size, unsigned seed) {
-  std::string block(64 * 1024, '\0');
-  std::ofstream out(path, std::ios::binary);
-  std::size_t written = 0;
-  while (written < size) {
-    for (std::size_t i = 0; i < block.size(); ++i) {
-      block[i] = static_cast<char>((written + i) * 2654435761u >> 13 ^ seed);
-    }
-    const auto chunk = std::min(block.size(), size - written);
-    out.write(block.data(), static_cast<std::streamsize>(chunk));
-    written += chunk;
-  }
-  return path;
-}
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-bool sameContent(const std::string& a, const std::string& b) {
-  std::ifstream first(a, std::ios::binary);
-  std::ifstream second(b, std::ios::binary);
-  std::string chunkA(1 << 20, '\0');
-  std::string chunkB(1 << 20, '\0');
-  while (first && second) {
-    first.read(chunkA.data(), static_cast<std::streamsize>(chunkA.size()));
-    second.read(chunkB.data(), static_cast<std::streamsize>(chunkB.size()));
-    if (first.gcount() != second.gcount() ||
-        chunkA.compare(0, static_cast<std::size_t>(first.gcount()), chunkB, 0,
-                       static_cast<std::size_t>(second.gcount())) != 0) {
-      return false;
-    }
-  }
-  return first.eof() && second.eof();
-}
-
 void recordRequestsAtFirstEnd(Tracked& tracked, std::atomic<long>& seen, std::uint64_t baseline) {
   auto record = tracked.request->stateCallback;
   tracked.request->stateCallback = [&seen, baseline, record](

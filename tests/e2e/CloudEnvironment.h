@@ -1,5 +1,6 @@
 #pragma once
 
+#include "TestFiles.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -38,12 +39,6 @@ public:
 private:
   std::unique_ptr<TempDir> data;
 };
-
-// Writes `size` bytes of a repeating, position-dependent pattern (so that misplaced blocks show).
-std::string writePattern(const std::string& path, std::size_t size, unsigned seed = 1);
-std::string readFile(const std::string& path);
-// Compares two files chunk by chunk, without reading either whole.
-bool sameContent(const std::string& a, const std::string& b);
 
 class Tracked;
 

@@ -160,5 +160,5 @@ TEST_F(UploadEndToEnd, ABigUploadStreamsWithBoundedMemory) {
       CloudEnvironment::server().storedFile(big.url().substr(CloudEnvironment::url("").size()));
   ASSERT_FALSE(stored.empty());
   EXPECT_EQ(FileUtils::fileSize(stored), size);
-  EXPECT_TRUE(quill_test::sameContent(stored, files.file("big.bin")));
+  EXPECT_TRUE(FileUtils::sameContent(stored, files.file("big.bin")));
 }

@@ -3,6 +3,8 @@
 // which their own overhead would distort.
 #include "FileServiceTestSupport.h"
 
+#include <quill_base/FileUtils.h>
+
 #include <atomic>
 #include <condition_variable>
 #include <cstdio>
@@ -52,26 +54,6 @@ void writeBigFile(const std::string& path, std::size_t size) {
     out.write(reinterpret_cast<const char*>(chunk.data()), static_cast<std::streamsize>(count));
     written += count;
   }
-}
-
-// Compares two files a chunk at a time.
-bool sameContents(const std::string& a, const std::string& b) {
-  std::ifstream first(a, std::ios::binary);
-  std::ifstream second(b, std::ios::binary);
-  if (!first || !second) {
-    return false;
-  }
-  std::vector<char> x(1 << 20);
-  std::vector<char> y(1 << 20);
-  while (first && second) {
-    first.read(x.data(), static_cast<std::streamsize>(x.size()));
-    second.read(y.data(), static_cast<std::streamsize>(y.size()));
-    if (first.gcount() != second.gcount() ||
-        std::memcmp(x.data(), y.data(), static_cast<std::size_t>(first.gcount())) != 0) {
-      return false;
-    }
-  }
-  return first.eof() && second.eof();
 }
 
 // Serves `length` bytes of the open file from `offset` to httplib's sink.
@@ -180,7 +162,7 @@ TEST_P(Load, BigFilesStreamThroughWithBoundedMemory) {
       "application/octet-stream");
   ASSERT_TRUE(put) << httplib::to_string(put.error());
   EXPECT_EQ(put->status, 200);
-  EXPECT_TRUE(sameContents(source, service->storedFile("/objects/big.bin")));
+  EXPECT_TRUE(FileUtils::sameContent(source, service->storedFile("/objects/big.bin")));
 
   // The download, streamed into a file.
   {
@@ -193,7 +175,7 @@ TEST_P(Load, BigFilesStreamThroughWithBoundedMemory) {
     EXPECT_EQ(get->status, 200);
     EXPECT_EQ(get->get_header_value("Content-Length"), std::to_string(kBigFileSize));
   }
-  EXPECT_TRUE(sameContents(source, data.file("downloaded.bin")));
+  EXPECT_TRUE(FileUtils::sameContent(source, data.file("downloaded.bin")));
 
   // A direct multipart upload, the file part streamed (chunked) from the file.
   httplib::MultipartFormDataProviderItems providers{
@@ -212,7 +194,7 @@ TEST_P(Load, BigFilesStreamThroughWithBoundedMemory) {
   ASSERT_TRUE(multipart) << httplib::to_string(multipart.error());
   EXPECT_EQ(multipart->status, 200);
   const std::string path = parseJson(multipart->body)["path"].asString();
-  EXPECT_TRUE(sameContents(source, service->storedFile(path)));
+  EXPECT_TRUE(FileUtils::sameContent(source, service->storedFile(path)));
 
 #if !defined(QUILL_SANITIZER_BUILD)
   // Three transfers of 256 MiB, yet the process grew by a small fraction of that.

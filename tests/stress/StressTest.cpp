@@ -450,7 +450,7 @@ TEST_F(Stress, MixedRequestsWithFaultsCancelsAndAccountChanges) {
           FileUtils::appendComponent(p->request->directory, p->request->fileName);
       if (p->code == 2) {
         EXPECT_TRUE(p->fileAtEnd);
-        EXPECT_TRUE(sameContent(finalPath, p->source)) << finalPath;
+        EXPECT_TRUE(FileUtils::sameContent(finalPath, p->source)) << finalPath;
       } else {
         EXPECT_FALSE(p->fileAtEnd) << "code " << p->code;
         EXPECT_FALSE(FileUtils::fileExists(finalPath)) << "code " << p->code;
@@ -471,7 +471,7 @@ TEST_F(Stress, MixedRequestsWithFaultsCancelsAndAccountChanges) {
       const auto path = p->url.substr(p->url.find('/', scheme + 3));
       const auto stored = CloudEnvironment::server().storedFile(path);
       EXPECT_FALSE(stored.empty()) << "nothing stored at " << path;
-      EXPECT_TRUE(sameContent(stored, p->source)) << path;
+      EXPECT_TRUE(FileUtils::sameContent(stored, p->source)) << path;
       continue;
     }
     if (p->code == 3) {

@@ -24,6 +24,26 @@ inline void initVips() {
   EXPECT_EQ(VIPS_INIT("quill_tests"), 0);
 }
 
+// The image with its values cast to bytes and tagged as sRGB.
+inline VipsImagePtr asSrgbBytes(VipsImage* image) {
+  VipsImage* cast = nullptr;
+  EXPECT_EQ(vips_cast_uchar(image, &cast, nullptr), 0);
+  auto bytes = adoptImage(cast);
+  VipsImage* tagged = nullptr;
+  EXPECT_EQ(vips_copy(bytes.get(), &tagged, "interpretation", VIPS_INTERPRETATION_sRGB, nullptr),
+            0);
+  return adoptImage(tagged);
+}
+
+// Three one-band images as the red, green and blue of an sRGB byte image.
+inline VipsImagePtr joinAsSrgb(VipsImage* red, VipsImage* green, VipsImage* blue) {
+  VipsImage* joined = nullptr;
+  VipsImage* bands[] = {red, green, blue};
+  EXPECT_EQ(vips_bandjoin(bands, &joined, 3, nullptr), 0);
+  auto rgb = adoptImage(joined);
+  return asSrgbBytes(rgb.get());
+}
+
 // A noisy sRGB image; `seed` shifts the mean so that images of the same size differ.
 inline VipsImagePtr makeNoise(int width, int height, int seed = 0) {
   initVips();
@@ -32,17 +52,7 @@ inline VipsImagePtr makeNoise(int width, int height, int seed = 0) {
                             seed, nullptr),
             0);
   auto grey = adoptImage(noise);
-  VipsImage* joined = nullptr;
-  VipsImage* bands[] = {grey.get(), grey.get(), grey.get()};
-  EXPECT_EQ(vips_bandjoin(bands, &joined, 3, nullptr), 0);
-  auto rgb = adoptImage(joined);
-  VipsImage* cast = nullptr;
-  EXPECT_EQ(vips_cast_uchar(rgb.get(), &cast, nullptr), 0);
-  auto bytes = adoptImage(cast);
-  VipsImage* tagged = nullptr;
-  EXPECT_EQ(vips_copy(bytes.get(), &tagged, "interpretation", VIPS_INTERPRETATION_sRGB, nullptr),
-            0);
-  return adoptImage(tagged);
+  return joinAsSrgb(grey.get(), grey.get(), grey.get());
 }
 
 // A smooth sRGB colour gradient, different for each seed: compresses like a photograph rather than
@@ -67,17 +77,7 @@ inline VipsImagePtr makeGradient(int width, int height, int seed = 0) {
   auto r = adoptImage(red);
   auto g = adoptImage(green);
   auto b = adoptImage(blue);
-  VipsImage* joined = nullptr;
-  VipsImage* bands[] = {r.get(), g.get(), b.get()};
-  EXPECT_EQ(vips_bandjoin(bands, &joined, 3, nullptr), 0);
-  auto rgb = adoptImage(joined);
-  VipsImage* cast = nullptr;
-  EXPECT_EQ(vips_cast_uchar(rgb.get(), &cast, nullptr), 0);
-  auto bytes = adoptImage(cast);
-  VipsImage* tagged = nullptr;
-  EXPECT_EQ(vips_copy(bytes.get(), &tagged, "interpretation", VIPS_INTERPRETATION_sRGB, nullptr),
-            0);
-  return adoptImage(tagged);
+  return joinAsSrgb(r.get(), g.get(), b.get());
 }
 
 // A fully transparent black image with an alpha band.
@@ -86,13 +86,7 @@ inline VipsImagePtr makeTransparent(int width, int height) {
   VipsImage* black = nullptr;
   EXPECT_EQ(vips_black(&black, width, height, "bands", 4, nullptr), 0);
   auto rgba = adoptImage(black);
-  VipsImage* cast = nullptr;
-  EXPECT_EQ(vips_cast_uchar(rgba.get(), &cast, nullptr), 0);
-  auto bytes = adoptImage(cast);
-  VipsImage* tagged = nullptr;
-  EXPECT_EQ(vips_copy(bytes.get(), &tagged, "interpretation", VIPS_INTERPRETATION_sRGB, nullptr),
-            0);
-  return adoptImage(tagged);
+  return asSrgbBytes(rgba.get());
 }
 
 enum class ImageFormat { kJpeg, kPng, kWebp };

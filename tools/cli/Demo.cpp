@@ -158,7 +158,7 @@ bool Demo::uploadsAndBack() {
   }
   for (std::size_t i = 0; i < back.size(); ++i) {
     auto& row = add(back[i], std::string("download back ") + backNames[i]);
-    check(row, sameContent(uploads[i]->snapshot().path, back[i]->snapshot().path),
+    check(row, FileUtils::sameContent(uploads[i]->snapshot().path, back[i]->snapshot().path),
           "differs from the file uploaded");
   }
   return true;
@@ -203,7 +203,7 @@ bool Demo::sixAtOnce() {
   for (int i = 0; i < kCount; ++i) {
     auto& row = add(downloads[i], "download " + FileUtils::fileName(sources[i]));
     row.route += ", limit 4";
-    check(row, sameContent(sources[i], downloads[i]->snapshot().path),
+    check(row, FileUtils::sameContent(sources[i], downloads[i]->snapshot().path),
           "differs from the file served");
     check(row, together == 4,
           "expected 4 downloads running together, saw " + std::to_string(together));
@@ -229,7 +229,7 @@ bool Demo::imageRetry() {
   auto& row = add(transfer, "download image (retried)");
   const auto state = transfer->snapshot();
   check(row, hostOfUrl(state.url) == cdnHost, "was not retried on the image CDN host");
-  check(row, sameContent(photo, state.path), "differs from the image served");
+  check(row, FileUtils::sameContent(photo, state.path), "differs from the image served");
   return true;
 }
 
@@ -308,7 +308,7 @@ bool Demo::avatars() {
       const auto stored = pathStart == std::string::npos
                               ? std::string()
                               : server->storedFile(storedUrl.substr(pathStart));
-      check(uploaded, !stored.empty() && sameContent(photo, stored),
+      check(uploaded, !stored.empty() && FileUtils::sameContent(photo, stored),
             "the server does not hold the image uploaded");
     }
   }

@@ -85,24 +85,4 @@ bool jpegSize(const std::string& path, int& width, int& height) {
   return false;
 }
 
-bool sameContent(const std::string& a, const std::string& b) {
-  std::ifstream first(a, std::ios::binary);
-  std::ifstream second(b, std::ios::binary);
-  if (!first || !second) {
-    return false;
-  }
-  std::string chunkA(1 << 20, '\0');
-  std::string chunkB(1 << 20, '\0');
-  while (first && second) {
-    first.read(chunkA.data(), static_cast<std::streamsize>(chunkA.size()));
-    second.read(chunkB.data(), static_cast<std::streamsize>(chunkB.size()));
-    if (first.gcount() != second.gcount() ||
-        chunkA.compare(0, static_cast<std::size_t>(first.gcount()), chunkB, 0,
-                       static_cast<std::size_t>(second.gcount())) != 0) {
-      return false;
-    }
-  }
-  return first.eof() && second.eof();
-}
-
 }  // namespace quill_cli

@@ -12,7 +12,5 @@ bool writePatternFile(const std::string& path, std::size_t size, unsigned seed);
 bool writeJpegPicture(const std::string& path, int width, int height);
 // Width and height of a JPEG from its frame header; false when it is not a readable JPEG.
 bool jpegSize(const std::string& path, int& width, int& height);
-// Compares two files chunk by chunk; false when either cannot be read or they differ.
-bool sameContent(const std::string& a, const std::string& b);
 
 }  // namespace quill_cli

@@ -36,6 +36,10 @@ public:
   // source is then left where it was and the target untouched).
   static bool moveFile(const std::string& from, const std::string& to);
 
+  // True when both are readable regular files with the same bytes; compared a chunk at a time,
+  // never reading either whole.
+  static bool sameContent(const std::string& first, const std::string& second);
+
   // Deletes a file; true when a file was removed.
   static bool removeFile(const std::string& path);
 

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+namespace quill_test {
+
+// Writes `size` bytes of a repeating, position-dependent pattern (so that misplaced blocks show)
+// and returns the path.
+inline std::string writePattern(const std::string& path, std::size_t size, unsigned seed = 1) {
+  std::string block(64 * 1024, '\0');
+  std::ofstream out(path, std::ios::binary);
+  std::size_t written = 0;
+  while (written < size) {
+    for (std::size_t i = 0; i < block.size(); ++i) {
+      block[i] = static_cast<char>((written + i) * 2654435761u >> 13 ^ seed);
+    }
+    const auto chunk = std::min(block.size(), size - written);
+    out.write(block.data(), static_cast<std::streamsize>(chunk));
+    written += chunk;
+  }
+  return path;
+}
+
+// The whole file as bytes; "" when it cannot be read.
+inline std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+}  // namespace quill_test
