@@ -1,0 +1,83 @@
+#pragma once
+
+#include "FaultProxy.h"
+#include "TestCertificates.h"
+#include "TestFiles.h"
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <quill_cloud/CloudStorageRequest.h>
+#include <quill_fileservice/FileService.h>
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace quill_test {
+
+// For the whole test program: certificates made for the run (QUILL_CA_BUNDLE names the trusted
+// CA), the reference file service over HTTPS with a certificate of that CA for 127.0.0.1 and
+// localhost, and a FaultProxy in front of it. Every deployment host points at the proxy: the file
+// service and image CDN hosts as 127.0.0.1:<proxy>, the static-content host as
+// localhost:<proxy>, so TLS is verified end to end through the proxy.
+//
+// QUILL_NETFAULTS_SEED sets the proxy's random seed (printed at start).
+class NetFaultsEnvironment : public ::testing::Environment {
+public:
+  void SetUp() override;
+  void TearDown() override;
+
+  static quill_fileservice::FileService& server();
+  static FaultProxy& proxy();
+  static TestCertificates& certificates();
+  // A fresh directory that lives as long as the environment.
+  static std::string scratch();
+
+  // "https://127.0.0.1:<proxy>" + path
+  static std::string proxiedUrl(const std::string& path);
+  // "https://localhost:<proxy>" + path: through the static-content host
+  static std::string proxiedStaticUrl(const std::string& path);
+  static std::string proxyHost();  // "127.0.0.1:<proxy>"
+};
+
+// Points the library's deployment hosts at host:port (all four), or back at the proxy.
+void pointHostsAt(const std::string& hostPort);
+
+// Regular files below a directory, recursively.
+std::size_t filesBelow(const std::string& directory);
+// The path part of an http(s) URL ("https://host:1/files/a" gives "/files/a").
+std::string urlPath(const std::string& url);
+
+// One request whose end is recorded when stateCallback runs.
+class Transfer {
+public:
+  Transfer(bool upload, int kind);
+
+  std::shared_ptr<CloudStorageRequest> request;
+
+  bool waitEnded(std::chrono::milliseconds timeout);
+  int endings() const;
+  int code() const;
+  std::string message() const;
+  std::string url() const;
+  // When stateCallback ran (meaningful once ended).
+  std::chrono::steady_clock::time_point endedAt() const;
+  // The download's final file existed when stateCallback ran.
+  bool fileAtEnd() const;
+
+private:
+  struct State {
+    mutable std::mutex mutex;
+    int code = 0;
+    std::string message;
+    std::string url;
+    bool fileAtEnd = false;
+    std::chrono::steady_clock::time_point endedAt;
+    EventCounter endings;
+  };
+  std::shared_ptr<State> state;
+};
+
+}  // namespace quill_test
