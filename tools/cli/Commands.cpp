@@ -141,14 +141,7 @@ int runAvatar(const CommonOptions& common, const AvatarOptions& options) {
     if (!seen.insert(url).second) {
       continue;
     }
-    TransferState initial;
-    initial.operation = "avatar";
-    initial.kind = "image";
-    initial.label = nameFromUrl(url);
-    initial.source = url;
-    initial.url = url;
-    initial.path = manager->avatarPath(url);
-    initial.route = "GET " + hostOfUrl(url) + ", scaled to 200";
+    const TransferState initial = avatarTransferState(url, manager->avatarPath(url));
     auto transfer = std::make_shared<Transfer>(initial);
     transfer->requestId = TextUtils::UUID_String();
     transfer->deadline = Clock::now() + timeout;

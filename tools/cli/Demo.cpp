@@ -249,14 +249,7 @@ bool Demo::avatars() {
   } else {
     const auto path = server->addFile("avatar-" + TextUtils::UUID_String() + ".jpg", photo);
     const auto url = "https://" + staticHost + path;
-    TransferState initial;
-    initial.operation = "avatar";
-    initial.kind = "image";
-    initial.label = nameFromUrl(url);
-    initial.source = url;
-    initial.url = url;
-    initial.path = manager->avatarPath(url);
-    initial.route = "GET " + staticHost + ", scaled to 200";
+    const TransferState initial = avatarTransferState(url, manager->avatarPath(url));
     auto avatar = std::make_shared<Transfer>(initial);
     avatar->requestId = TextUtils::UUID_String();
     avatar->deadline = Clock::now() + std::chrono::seconds(30);

@@ -87,6 +87,18 @@ std::string hostOfUrl(const std::string& url) {
   return url.substr(start, end == std::string::npos ? std::string::npos : end - start);
 }
 
+TransferState avatarTransferState(const std::string& url, const std::string& path) {
+  TransferState initial;
+  initial.operation = "avatar";
+  initial.kind = "image";
+  initial.label = nameFromUrl(url);
+  initial.source = url;
+  initial.url = url;
+  initial.path = path;
+  initial.route = "GET " + hostOfUrl(url) + ", scaled to 200";
+  return initial;
+}
+
 std::string nameFromUrl(const std::string& url) {
   auto end = url.find_first_of("?#");
   std::string path = url.substr(0, end);

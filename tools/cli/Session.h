@@ -89,5 +89,7 @@ std::string uploadRoute(const std::string& url);
 std::string nameFromUrl(const std::string& url);
 // "host:port" of a URL.
 std::string hostOfUrl(const std::string& url);
+// The starting state of an avatar fetched from `url` and cached at `path`.
+TransferState avatarTransferState(const std::string& url, const std::string& path);
 
 }  // namespace quill_cli
