@@ -71,9 +71,10 @@ bool FileUtils::fileExists(const std::string& path) {
 }
 
 std::uint64_t FileUtils::fileSize(const std::string& path) {
-  if (!fileExists(path)) {
+  if (path.empty()) {
     return 0;
   }
+  // One stat: file_size fails for anything but a regular file (or a link to one).
   std::error_code ec;
   const auto size = fs::file_size(toPath(path), ec);
   return ec ? 0 : static_cast<std::uint64_t>(size);
@@ -99,18 +100,21 @@ bool FileUtils::moveFile(const std::string& from, const std::string& to) {
   if (!fileExists(from) || to.empty()) {
     return false;
   }
+  if (from == to) {
+    return true;
+  }
   const auto source = toPath(from);
   const auto target = toPath(to);
   std::error_code ec;
-  if (fs::exists(target, ec) && fs::equivalent(source, target, ec)) {
-    return true;
-  }
+  // Rename first: it is the common case, and one system call. Whether the two names are one file
+  // is asked only when it failed.
   fs::rename(source, target, ec);
   if (!ec) {
     return true;
   }
   if (ec != std::errc::cross_device_link) {
-    return false;
+    std::error_code ignored;
+    return fs::equivalent(source, target, ignored);
   }
   // Another file system: copy next to the target first, so that the target is replaced whole by a
   // rename and never shows a half-written file.

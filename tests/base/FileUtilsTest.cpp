@@ -140,6 +140,24 @@ TEST(FileUtils, MoveFileOntoItselfKeepsTheFile) {
   EXPECT_EQ(readFile(dir.file("same")), "keep me");
 }
 
+TEST(FileUtils, MoveFileOntoItselfUnderAnotherNameKeepsTheFile) {
+  TempDir dir;
+  writeFile(dir.file("same"), "keep me");
+  fs::create_hard_link(dir.file("same"), dir.file("alias"));
+  EXPECT_TRUE(FileUtils::moveFile(dir.file("same"), dir.path() + "/./same"));
+  EXPECT_TRUE(FileUtils::moveFile(dir.file("same"), dir.file("alias")));
+  EXPECT_EQ(readFile(dir.file("same")), "keep me");
+  EXPECT_EQ(readFile(dir.file("alias")), "keep me");
+}
+
+TEST(FileUtils, MoveFileOntoADirectoryFails) {
+  TempDir dir;
+  writeFile(dir.file("from"), "x");
+  fs::create_directory(dir.file("folder"));
+  EXPECT_FALSE(FileUtils::moveFile(dir.file("from"), dir.file("folder")));
+  EXPECT_EQ(readFile(dir.file("from")), "x");
+}
+
 TEST(FileUtils, MoveFileAcrossFileSystems) {
   TempDir dir;
   const std::string shm = "/dev/shm";

@@ -1,9 +1,12 @@
 #include "JpegThumbnail.h"
 
+#include "AreaAverage.h"
+
 #include <algorithm>
 #include <cmath>
 #include <csetjmp>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -13,7 +16,6 @@
 namespace quill_base_detail {
 namespace {
 
-constexpr int kChannels = 3;
 constexpr int kQuality = 85;
 
 // libjpeg reports fatal errors through error_exit, which must not return: jump back to the caller
@@ -39,29 +41,32 @@ void useErrorManager(ErrorManager& errors) {
   errors.base.emit_message = onMessage;
 }
 
-class File {
-public:
-  File(const std::string& path, const char* mode) : handle(std::fopen(path.c_str(), mode)) {}
-  ~File() { close(); }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-  std::FILE* get() const { return handle; }
-  bool close() {
-    const bool ok = handle == nullptr || std::fclose(handle) == 0;
-    handle = nullptr;
-    return ok;
+// The whole source, read with one call: avatars are small, and decoding from memory spares
+// libjpeg's 4 KiB reads.
+bool readWhole(const std::string& path, std::vector<unsigned char>& bytes) {
+  std::FILE* file = std::fopen(path.c_str(), "rb");
+  if (file == nullptr) {
+    return false;
   }
+  bool ok = std::fseek(file, 0, SEEK_END) == 0;
+  const long size = ok ? std::ftell(file) : -1;
+  ok = size > 0 && std::fseek(file, 0, SEEK_SET) == 0;
+  if (ok) {
+    bytes.resize(static_cast<std::size_t>(size));
+    ok = std::fread(bytes.data(), 1, bytes.size(), file) == bytes.size();
+  }
+  std::fclose(file);
+  return ok;
+}
 
-private:
-  std::FILE* handle;
-};
-
-struct Pixels {
-  int width = 0;
-  int height = 0;
-  // Left uninitialised: the decoder fills every byte.
-  std::unique_ptr<unsigned char[]> rgb;
-};
+bool writeWhole(const std::string& path, const unsigned char* data, std::size_t size) {
+  std::FILE* file = std::fopen(path.c_str(), "wb");
+  if (file == nullptr) {
+    return false;
+  }
+  const bool written = std::fwrite(data, 1, size, file) == size;
+  return std::fclose(file) == 0 && written;
+}
 
 bool startsWith(const jpeg_saved_marker_ptr marker, const char* prefix, std::size_t length) {
   return marker->data_length >= length && std::memcmp(marker->data, prefix, length) == 0;
@@ -119,9 +124,20 @@ bool needsColourOrOrientationWork(j_decompress_ptr decoder) {
   return false;
 }
 
-// Decodes at the smallest DCT scale whose size still covers target width x height.
-JpegThumbnailResult decode(std::FILE* file, int size, std::uint64_t maxPixels, Pixels& pixels,
-                           int& targetWidth, int& targetHeight) {
+// What the header said and what the decode chose, kept by the caller: nothing here may own memory
+// across libjpeg's longjmp.
+struct Plan {
+  int targetWidth = 0;
+  int targetHeight = 0;
+  int channels = 0;
+};
+
+// Decodes at the smallest DCT scale whose size still covers the target, feeding each row to the
+// averager as it comes: the full-size picture is never held.
+JpegThumbnailResult decode(const std::vector<unsigned char>& bytes, int size,
+                           std::uint64_t maxPixels, Plan& plan,
+                           std::unique_ptr<AreaAverage>& averager,
+                           std::vector<unsigned char>& rowBuffer) {
   jpeg_decompress_struct decoder;
   ErrorManager errors;
   decoder.err = &errors.base;
@@ -131,16 +147,16 @@ JpegThumbnailResult decode(std::FILE* file, int size, std::uint64_t maxPixels, P
     return JpegThumbnailResult::kNotHandled;
   }
   jpeg_create_decompress(&decoder);
-  jpeg_stdio_src(&decoder, file);
+  jpeg_mem_src(&decoder, bytes.data(), static_cast<unsigned long>(bytes.size()));
   jpeg_save_markers(&decoder, JPEG_APP0 + 1, 0xFFFF);
   jpeg_save_markers(&decoder, JPEG_APP0 + 2, 0xFFFF);
   jpeg_read_header(&decoder, TRUE);
 
   const auto width = static_cast<std::uint64_t>(decoder.image_width);
   const auto height = static_cast<std::uint64_t>(decoder.image_height);
-  const bool plainColours = decoder.jpeg_color_space == JCS_YCbCr ||
-                            decoder.jpeg_color_space == JCS_GRAYSCALE ||
-                            decoder.jpeg_color_space == JCS_RGB;
+  const bool grey = decoder.jpeg_color_space == JCS_GRAYSCALE;
+  const bool plainColours =
+      decoder.jpeg_color_space == JCS_YCbCr || grey || decoder.jpeg_color_space == JCS_RGB;
   JpegThumbnailResult verdict = JpegThumbnailResult::kWritten;
   if (width * height > maxPixels) {
     verdict = JpegThumbnailResult::kTooLarge;
@@ -156,10 +172,11 @@ JpegThumbnailResult decode(std::FILE* file, int size, std::uint64_t maxPixels, P
 
   const double scale = std::min(static_cast<double>(size) / static_cast<double>(width),
                                 static_cast<double>(size) / static_cast<double>(height));
-  targetWidth =
+  plan.targetWidth =
       std::clamp(static_cast<int>(std::lround(static_cast<double>(width) * scale)), 1, size);
-  targetHeight =
+  plan.targetHeight =
       std::clamp(static_cast<int>(std::lround(static_cast<double>(height) * scale)), 1, size);
+  plan.channels = grey ? 1 : 3;
   decoder.scale_num = 8;
   decoder.scale_denom = 8;
   // Only the 1/8, 1/4, 1/2 and full-size inverse DCTs are vectorised in libjpeg-turbo; the others
@@ -167,25 +184,36 @@ JpegThumbnailResult decode(std::FILE* file, int size, std::uint64_t maxPixels, P
   for (unsigned eighths : {1u, 2u, 4u}) {
     const auto scaledWidth = (width * eighths + 7) / 8;
     const auto scaledHeight = (height * eighths + 7) / 8;
-    if (scaledWidth >= static_cast<std::uint64_t>(targetWidth) &&
-        scaledHeight >= static_cast<std::uint64_t>(targetHeight)) {
+    if (scaledWidth >= static_cast<std::uint64_t>(plan.targetWidth) &&
+        scaledHeight >= static_cast<std::uint64_t>(plan.targetHeight)) {
       decoder.scale_num = eighths;
       break;
     }
   }
-  decoder.out_color_space = JCS_RGB;
+  decoder.out_color_space = grey ? JCS_GRAYSCALE : JCS_RGB;
   // The pixels are averaged down afterwards, which hides the small differences of the fast DCT
   // and of plain chroma upsampling.
   decoder.dct_method = JDCT_IFAST;
   decoder.do_fancy_upsampling = FALSE;
   jpeg_start_decompress(&decoder);
-  pixels.width = static_cast<int>(decoder.output_width);
-  pixels.height = static_cast<int>(decoder.output_height);
-  const std::size_t stride = static_cast<std::size_t>(pixels.width) * kChannels;
-  pixels.rgb.reset(new unsigned char[stride * static_cast<std::size_t>(pixels.height)]);
+  const int decodedWidth = static_cast<int>(decoder.output_width);
+  const int decodedHeight = static_cast<int>(decoder.output_height);
+  averager = std::make_unique<AreaAverage>(decodedWidth, decodedHeight, plan.targetWidth,
+                                           plan.targetHeight, plan.channels);
+  // As many rows at a time as the decoder produces in one go (one iMCU row of a scaled decode).
+  const int batch = std::max(1, decoder.rec_outbuf_height);
+  const std::size_t stride = static_cast<std::size_t>(decodedWidth) * plan.channels;
+  rowBuffer.resize(stride * static_cast<std::size_t>(batch));
+  JSAMPROW rows[16];
+  for (int i = 0; i < batch && i < 16; ++i) {
+    rows[i] = rowBuffer.data() + stride * static_cast<std::size_t>(i);
+  }
   while (decoder.output_scanline < decoder.output_height) {
-    JSAMPROW row = pixels.rgb.get() + stride * decoder.output_scanline;
-    jpeg_read_scanlines(&decoder, &row, 1);
+    const auto got =
+        jpeg_read_scanlines(&decoder, rows, static_cast<JDIMENSION>(std::min(batch, 16)));
+    for (JDIMENSION i = 0; i < got; ++i) {
+      averager->addRow(rows[i]);
+    }
   }
   jpeg_finish_decompress(&decoder);
   // A truncated or damaged stream is only warned about (and padded with grey): leave it to the
@@ -195,68 +223,10 @@ JpegThumbnailResult decode(std::FILE* file, int size, std::uint64_t maxPixels, P
   return clean ? JpegThumbnailResult::kWritten : JpegThumbnailResult::kNotHandled;
 }
 
-// For each output position, the source positions it covers and their share of it (area average).
-struct Span {
-  int first = 0;
-  std::vector<float> weights;
-};
-
-std::vector<Span> spansFor(int sourceLength, int targetLength) {
-  std::vector<Span> spans(static_cast<std::size_t>(targetLength));
-  const double ratio = static_cast<double>(sourceLength) / targetLength;
-  for (int i = 0; i < targetLength; ++i) {
-    const double begin = i * ratio;
-    const double end = std::min<double>(sourceLength, (i + 1) * ratio);
-    auto& span = spans[static_cast<std::size_t>(i)];
-    span.first = static_cast<int>(std::floor(begin));
-    const int last = std::min(sourceLength, static_cast<int>(std::ceil(end)));
-    for (int j = span.first; j < last; ++j) {
-      const double covered = std::min<double>(end, j + 1) - std::max<double>(begin, j);
-      span.weights.push_back(static_cast<float>(std::max(0.0, covered) / (end - begin)));
-    }
-  }
-  return spans;
-}
-
-std::vector<unsigned char> averageDown(const Pixels& source, int width, int height) {
-  const auto columns = spansFor(source.width, width);
-  const auto rows = spansFor(source.height, height);
-  const std::size_t sourceStride = static_cast<std::size_t>(source.width) * kChannels;
-  std::vector<unsigned char> result(static_cast<std::size_t>(width) * height * kChannels);
-  // Each output row: the source rows it covers, averaged into one row, then averaged across.
-  std::vector<float> row(sourceStride);
-  for (int y = 0; y < height; ++y) {
-    const auto& rowSpan = rows[static_cast<std::size_t>(y)];
-    std::fill(row.begin(), row.end(), 0.0f);
-    for (std::size_t k = 0; k < rowSpan.weights.size(); ++k) {
-      const float weight = rowSpan.weights[k];
-      const unsigned char* in =
-          source.rgb.get() + (static_cast<std::size_t>(rowSpan.first) + k) * sourceStride;
-      for (std::size_t i = 0; i < sourceStride; ++i) {
-        row[i] += weight * static_cast<float>(in[i]);
-      }
-    }
-    unsigned char* out = result.data() + static_cast<std::size_t>(y) * width * kChannels;
-    for (int x = 0; x < width; ++x) {
-      const auto& span = columns[static_cast<std::size_t>(x)];
-      float sum[kChannels] = {0, 0, 0};
-      const float* pixel = row.data() + static_cast<std::size_t>(span.first) * kChannels;
-      for (const float weight : span.weights) {
-        for (int c = 0; c < kChannels; ++c) {
-          sum[c] += weight * pixel[c];
-        }
-        pixel += kChannels;
-      }
-      for (int c = 0; c < kChannels; ++c) {
-        // The weights add up to 1: the sum is within 0..255 but for rounding.
-        out[x * kChannels + c] = static_cast<unsigned char>(std::min(255.0f, sum[c] + 0.5f));
-      }
-    }
-  }
-  return result;
-}
-
-bool encode(std::FILE* file, const std::vector<unsigned char>& rgb, int width, int height) {
+// Compresses into `output`, which holds room for any picture of this size: libjpeg then never
+// reallocates it (a reallocation would be lost on a longjmp).
+bool encode(const std::vector<unsigned char>& pixels, const Plan& plan,
+            std::vector<unsigned char>& output, unsigned long& outputSize) {
   jpeg_compress_struct encoder;
   ErrorManager errors;
   encoder.err = &errors.base;
@@ -266,51 +236,56 @@ bool encode(std::FILE* file, const std::vector<unsigned char>& rgb, int width, i
     return false;
   }
   jpeg_create_compress(&encoder);
-  jpeg_stdio_dest(&encoder, file);
-  encoder.image_width = static_cast<JDIMENSION>(width);
-  encoder.image_height = static_cast<JDIMENSION>(height);
-  encoder.input_components = kChannels;
-  encoder.in_color_space = JCS_RGB;
+  encoder.image_width = static_cast<JDIMENSION>(plan.targetWidth);
+  encoder.image_height = static_cast<JDIMENSION>(plan.targetHeight);
+  encoder.input_components = plan.channels;
+  encoder.in_color_space = plan.channels == 1 ? JCS_GRAYSCALE : JCS_RGB;
   jpeg_set_defaults(&encoder);
   jpeg_set_quality(&encoder, kQuality, TRUE);
+  unsigned char* buffer = output.data();
+  outputSize = static_cast<unsigned long>(output.size());
+  jpeg_mem_dest(&encoder, &buffer, &outputSize);
   jpeg_start_compress(&encoder, TRUE);
-  const std::size_t stride = static_cast<std::size_t>(width) * kChannels;
+  const std::size_t stride = static_cast<std::size_t>(plan.targetWidth) * plan.channels;
   while (encoder.next_scanline < encoder.image_height) {
-    auto row = const_cast<JSAMPROW>(rgb.data() + stride * encoder.next_scanline);
+    auto row = const_cast<JSAMPROW>(pixels.data() + stride * encoder.next_scanline);
     jpeg_write_scanlines(&encoder, &row, 1);
   }
   jpeg_finish_compress(&encoder);
   jpeg_destroy_compress(&encoder);
+  // Had it outgrown the room, libjpeg would have moved it to a buffer of its own.
+  if (buffer != output.data()) {
+    std::free(buffer);
+    return false;
+  }
   return true;
 }
 
-bool looksLikeJpeg(std::FILE* file) {
-  unsigned char magic[3] = {};
-  const bool jpeg = std::fread(magic, 1, 3, file) == 3 && magic[0] == 0xFF && magic[1] == 0xD8 &&
-                    magic[2] == 0xFF;
-  std::rewind(file);
-  return jpeg;
+bool looksLikeJpeg(const std::vector<unsigned char>& bytes) {
+  return bytes.size() >= 3 && bytes[0] == 0xFF && bytes[1] == 0xD8 && bytes[2] == 0xFF;
 }
 
 }  // namespace
 
 JpegThumbnailResult writeJpegThumbnail(int size, const std::string& source,
                                        const std::string& target, std::uint64_t maxPixels) {
-  File in(source, "rb");
-  if (in.get() == nullptr || size < 1 || !looksLikeJpeg(in.get())) {
+  std::vector<unsigned char> bytes;
+  if (size < 1 || !readWhole(source, bytes) || !looksLikeJpeg(bytes)) {
     return JpegThumbnailResult::kNotHandled;
   }
-  Pixels pixels;
-  int width = 0;
-  int height = 0;
-  const auto decoded = decode(in.get(), size, maxPixels, pixels, width, height);
+  Plan plan;
+  std::unique_ptr<AreaAverage> averager;
+  std::vector<unsigned char> rowBuffer;
+  const auto decoded = decode(bytes, size, maxPixels, plan, averager, rowBuffer);
   if (decoded != JpegThumbnailResult::kWritten) {
     return decoded;
   }
-  in.close();
-  const auto thumbnail = averageDown(pixels, width, height);
-  File out(target, "wb");
-  if (out.get() == nullptr || !encode(out.get(), thumbnail, width, height) || !out.close()) {
+  // Far more than a compressed picture of this size can take.
+  std::vector<unsigned char> output(
+      static_cast<std::size_t>(plan.targetWidth) * plan.targetHeight * plan.channels * 2 + 65536);
+  unsigned long outputSize = 0;
+  if (!encode(averager->pixels(), plan, output, outputSize) ||
+      !writeWhole(target, output.data(), outputSize)) {
     return JpegThumbnailResult::kNotHandled;
   }
   return JpegThumbnailResult::kWritten;

@@ -17,10 +17,11 @@ enum class JpegThumbnailResult {
 };
 
 // The fast path for the common avatar: a plain baseline or progressive JPEG larger than the box.
-// Decodes with libjpeg's DCT scaling to the smallest size that still covers the box, averages the
-// pixels down to fit within size x size (aspect ratio kept) and writes a quality-85 JPEG to
-// `target`. Several times cheaper than a general image pipeline for small images, where per-image
-// set-up dominates.
+// Reads the file with one call, decodes it from memory with libjpeg's DCT scaling to the smallest
+// size that still covers the box, averages each row down as it is decoded (the full-size picture is
+// never held) to fit within size x size (aspect ratio kept), and writes a quality-85 JPEG to
+// `target` with one call. Greyscale stays greyscale. Several times cheaper than a general image
+// pipeline for small images, where per-image set-up dominates.
 JpegThumbnailResult writeJpegThumbnail(int size, const std::string& source,
                                        const std::string& target, std::uint64_t maxPixels);
 
