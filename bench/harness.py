@@ -361,12 +361,16 @@ class Bench:
         self.small_count = 100 if self.quick else 1000
         self.avatar_count = 100 if self.quick else 1000
         self.scale_count = 3 if self.quick else 5
+        self.only = set(args.only.split(",")) if args.only else None
         self.env = dict(os.environ)
         self.env["QUILL_LOG_LEVEL"] = "OFF"
         self.env.pop("QUILL_LOG_FILE", None)
         for proxy in ("http_proxy", "https_proxy", "HTTP_PROXY", "HTTPS_PROXY", "ALL_PROXY", "all_proxy"):
             self.env.pop(proxy, None)
         self.env["NO_PROXY"] = "127.0.0.1,localhost"
+
+    def selected(self, step):
+        return self.only is None or step in self.only
 
     # -- running ------------------------------------------------------------------------------
 
@@ -587,6 +591,8 @@ class Bench:
     def pair_rows(self, comparison, ours_name, theirs_name, size, unit, target_ratio, cpu_target=None,
                   rss_limit=None, per_item=None):
         ow, tw = self.stat(ours_name), self.stat(theirs_name)
+        if self.only is not None and ours_name not in self.samples and theirs_name not in self.samples:
+            return  # not selected with --only
         if not ow or not tw:
             self.add(comparison, unit, None, None, None, target_ratio, False, "no successful run")
             return
@@ -726,17 +732,24 @@ class Bench:
             self.env["QUILL_FILE_SERVICE_HOST"] = "127.0.0.1:%d" % self.servers.https_port
             self.prepare_data()
             machine = self.machine()
-            scheduler = self.scheduler_runs()
+            steps = {"download": self.downloads, "progress": self.progress, "upload": self.uploads,
+                     "many": self.many, "avatars": self.avatars, "scale": self.scaling}
+            unknown = (self.only or set()) - set(steps) - {"scheduler"}
+            if unknown:
+                raise BenchError("unknown --only step(s): %s" % ", ".join(sorted(unknown)))
+            scheduler = self.scheduler_runs() if self.selected("scheduler") else None
             for r in range(self.rounds):
                 print("bench: round %d of %d" % (r + 1, self.rounds), file=sys.stderr)
-                for step in (self.downloads, self.progress, self.uploads, self.many, self.avatars, self.scaling):
-                    step(r)
+                for name, step in steps.items():
+                    if self.selected(name):
+                        step(r)
             self.summarise(scheduler)
             text = self.table(machine)
             print(text)
             results_dir = os.path.abspath(self.args.results_dir)
             os.makedirs(results_dir, exist_ok=True)
-            stem = "quick" if self.quick else "latest"
+            # A partial run never replaces the results of a complete one.
+            stem = "partial" if self.only else "quick" if self.quick else "latest"
             with open(os.path.join(results_dir, stem + ".md"), "w") as f:
                 f.write(text)
             raw = {n: [{"wall_s": r.wall, "cpu_s": r.cpu, "peak_rss_bytes": r.rss} for r in runs]
@@ -770,6 +783,8 @@ def main():
     parser.add_argument("--results-dir", default=os.path.join(os.path.dirname(os.path.abspath(__file__)), "results"))
     parser.add_argument("--work-dir", default=None, help="where the temporary directory goes (default: $TMPDIR)")
     parser.add_argument("--keep", action="store_true", help="keep the temporary directory, for inspection")
+    parser.add_argument("--only", default=None,
+                        help="comma-separated steps: download, progress, upload, many, avatars, scale, scheduler")
     args = parser.parse_args()
 
     def stop(signum, _frame):
