@@ -146,15 +146,19 @@ void SerialQueue::dispatch(std::function<void()> task) {
     return;
   }
   std::function<void()> refused;
-  // Notified under the lock: the closure may release the last owner of this queue as soon as the
-  // worker can take it, so nothing of the queue is touched once the lock is released.
-  std::lock_guard<std::mutex> lock(state->mutex);
-  if (state->stopping) {
-    refused = std::move(task);  // destroyed after the lock is released
-    return;
+  // The closure may release the last owner of this queue as soon as the worker can take it, so
+  // nothing of the queue object is touched once the lock is released; the shared state stays alive
+  // through this copy. Notifying after the unlock spares the woken worker a wait for the mutex.
+  const std::shared_ptr<State> shared = state;
+  {
+    std::lock_guard<std::mutex> lock(shared->mutex);
+    if (shared->stopping) {
+      refused = std::move(task);  // destroyed after the lock is released
+      return;
+    }
+    shared->tasks.push_back(std::move(task));
   }
-  state->tasks.push_back(std::move(task));
-  state->wake.notify_one();
+  shared->wake.notify_one();
 }
 
 SerialQueue::TimerId SerialQueue::startTimer(std::uint64_t intervalMs,
