@@ -44,9 +44,8 @@ bool DownloadFile::write(const char* data, std::size_t size) {
       return false;
     }
   } else {
-    if (pending.capacity() < chunkBytes) {
-      pending.reserve(chunkBytes);
-    }
+    // The buffer grows as the pieces come (and then stays, cleared, for the next chunk): a small
+    // file never costs a whole chunk of memory.
     pending.insert(pending.end(), data, data + size);
   }
   total += size;
