@@ -5,52 +5,37 @@
 #include <quill_base/TextUtils.h>
 
 #include "detail/JpegThumbnail.h"
-
-#include <vips/vips.h>
+#include "detail/VipsLibrary.h"
 
 #include <cstdint>
-#include <mutex>
 #include <vector>
 
 namespace {
 
-bool initialiseVips() {
-  static std::once_flag once;
-  static bool ready = false;
-  std::call_once(once, [] {
-    if (VIPS_INIT("quill_base") != 0) {
-      QLOG_ERROR("libvips failed to start: " << vips_error_buffer());
-      vips_error_clear();
-      return;
-    }
-    // Avatars are rewritten under the same names; a cached operation could answer with old pixels.
-    vips_cache_set_max(0);
-    ready = true;
-  });
-  return ready;
-}
+using quill_base_detail::VipsLibrary;
 
 // Owns one VipsImage reference.
 class ImageRef {
 public:
-  ImageRef() = default;
+  explicit ImageRef(const VipsLibrary& vips) : vips(vips) {}
   ImageRef(const ImageRef&) = delete;
   ImageRef& operator=(const ImageRef&) = delete;
   ~ImageRef() {
     if (image != nullptr) {
-      g_object_unref(image);
+      vips.objectUnref(image);
     }
   }
   VipsImage** out() { return &image; }
   VipsImage* get() const { return image; }
 
 private:
+  const VipsLibrary& vips;
   VipsImage* image = nullptr;
 };
 
-std::string takeVipsError() {
-  std::string text = vips_error_buffer();
-  vips_error_clear();
+std::string takeVipsError(const VipsLibrary& vips) {
+  std::string text = vips.errorBuffer();
+  vips.errorClear();
   while (!text.empty() && text.back() == '\n') {
     text.pop_back();
   }
@@ -62,18 +47,17 @@ std::string takeVipsError() {
 constexpr std::uint64_t kMaxSourcePixels = 100'000'000;
 
 // Reads the header only; true when the image's dimensions are within kMaxSourcePixels.
-bool sourceSizeAcceptable(const std::string& source) {
-  ImageRef header;
-  *header.out() =
-      vips_image_new_from_file(source.c_str(), "access", VIPS_ACCESS_SEQUENTIAL, nullptr);
+bool sourceSizeAcceptable(const VipsLibrary& vips, const std::string& source) {
+  ImageRef header(vips);
+  *header.out() = vips.imageNewFromFile(source.c_str(), "access", VIPS_ACCESS_SEQUENTIAL, nullptr);
   if (header.get() == nullptr) {
     return true;  // unreadable: vips_thumbnail reports why
   }
-  const auto pixels = static_cast<std::uint64_t>(vips_image_get_width(header.get())) *
-                      static_cast<std::uint64_t>(vips_image_get_height(header.get()));
+  const int width = vips.imageGetWidth(header.get());
+  const int height = vips.imageGetHeight(header.get());
+  const auto pixels = static_cast<std::uint64_t>(width) * static_cast<std::uint64_t>(height);
   if (pixels > kMaxSourcePixels) {
-    QLOG_WARN("image too large to scale: " << source << " (" << vips_image_get_width(header.get())
-                                           << "x" << vips_image_get_height(header.get()) << ")");
+    QLOG_WARN("image too large to scale: " << source << " (" << width << "x" << height << ")");
     return false;
   }
   return true;
@@ -93,8 +77,7 @@ bool moveIntoPlace(const std::string& staging, const std::string& target) {
 }  // namespace
 
 bool ImageUtils::scaleImage(int size, const std::string& source, const std::string& target) {
-  if (size < 1 || source.empty() || target.empty() || !FileUtils::fileExists(source) ||
-      !initialiseVips()) {
+  if (size < 1 || source.empty() || target.empty() || !FileUtils::fileExists(source)) {
     return false;
   }
 
@@ -111,41 +94,46 @@ bool ImageUtils::scaleImage(int size, const std::string& source, const std::stri
       break;
   }
 
-  if (!sourceSizeAcceptable(source)) {
-    vips_error_clear();
+  // Only now is libvips needed (and loaded, the first time).
+  const VipsLibrary* loaded = quill_base_detail::vipsLibrary();
+  if (loaded == nullptr) {
+    return false;
+  }
+  const VipsLibrary& vips = *loaded;
+  if (!sourceSizeAcceptable(vips, source)) {
+    vips.errorClear();
     return false;
   }
 
   // Shrink-on-load, orientation and colour management all happen inside vips_thumbnail; a
   // truncated file must fail rather than come out with a grey lower half.
-  ImageRef thumbnail;
-  if (vips_thumbnail(source.c_str(), thumbnail.out(), size, "height", size, "fail_on",
+  ImageRef thumbnail(vips);
+  if (vips.thumbnail(source.c_str(), thumbnail.out(), size, "height", size, "fail_on",
                      VIPS_FAIL_ON_TRUNCATED, nullptr) != 0) {
-    QLOG_WARN("cannot read image " << source << ": " << takeVipsError());
+    QLOG_WARN("cannot read image " << source << ": " << takeVipsError(vips));
     return false;
   }
 
   VipsImage* opaque = thumbnail.get();
-  ImageRef flattened;
-  if (vips_image_hasalpha(opaque)) {
+  ImageRef flattened(vips);
+  if (vips.imageHasAlpha(opaque)) {
     const bool sixteenBit =
         opaque->Type == VIPS_INTERPRETATION_RGB16 || opaque->Type == VIPS_INTERPRETATION_GREY16;
     const double maxAlpha = sixteenBit ? 65535.0 : 255.0;
     std::vector<double> white(static_cast<std::size_t>(opaque->Bands - 1), maxAlpha);
-    VipsArrayDouble* background =
-        vips_array_double_new(white.data(), static_cast<int>(white.size()));
-    const int failed = vips_flatten(opaque, flattened.out(), "background", background, "max_alpha",
+    VipsArrayDouble* background = vips.arrayDoubleNew(white.data(), static_cast<int>(white.size()));
+    const int failed = vips.flatten(opaque, flattened.out(), "background", background, "max_alpha",
                                     maxAlpha, nullptr);
-    vips_area_unref(VIPS_AREA(background));
+    vips.areaUnref(VIPS_AREA(background));
     if (failed != 0) {
-      QLOG_WARN("cannot flatten image " << source << ": " << takeVipsError());
+      QLOG_WARN("cannot flatten image " << source << ": " << takeVipsError(vips));
       return false;
     }
     opaque = flattened.get();
   }
 
-  if (vips_jpegsave(opaque, staging.c_str(), "Q", 85, "strip", TRUE, nullptr) != 0) {
-    QLOG_WARN("cannot scale image " << source << " to " << target << ": " << takeVipsError());
+  if (vips.jpegsave(opaque, staging.c_str(), "Q", 85, "strip", TRUE, nullptr) != 0) {
+    QLOG_WARN("cannot scale image " << source << " to " << target << ": " << takeVipsError(vips));
     FileUtils::removeFile(staging);
     return false;
   }

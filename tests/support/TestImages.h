@@ -22,6 +22,9 @@ inline VipsImagePtr adoptImage(VipsImage* image) {
 
 inline void initVips() {
   EXPECT_EQ(VIPS_INIT("quill_tests"), 0);
+  // Tests rewrite files under the same names; libvips' operation cache would answer a second
+  // vips_thumbnail of a name with the first file's pixels.
+  vips_cache_set_max(0);
 }
 
 // The image with its values cast to bytes and tagged as sRGB.
