@@ -124,6 +124,39 @@ bool needsColourOrOrientationWork(j_decompress_ptr decoder) {
   return false;
 }
 
+// Buffers each thread keeps between calls: avatars are scaled one after another on a few
+// long-lived threads, and fresh buffers of a few hundred KiB every time cost clearing and page
+// faults (glibc maps blocks that large afresh for each allocation).
+struct Scratch {
+  std::vector<unsigned char> bytes;   // the source file
+  std::vector<unsigned char> rows;    // decoded rows on their way to the averager
+  std::vector<unsigned char> output;  // the compressed thumbnail
+};
+
+Scratch& threadScratch() {
+  thread_local Scratch scratch;
+  return scratch;
+}
+
+// After a call on a large picture, its buffers are given back rather than kept.
+class ScratchTrim {
+public:
+  explicit ScratchTrim(Scratch& scratch) : scratch(scratch) {}
+  ScratchTrim(const ScratchTrim&) = delete;
+  ScratchTrim& operator=(const ScratchTrim&) = delete;
+  ~ScratchTrim() {
+    for (auto* buffer : {&scratch.bytes, &scratch.rows, &scratch.output}) {
+      if (buffer->capacity() > kKeptScratchBytes) {
+        std::vector<unsigned char>().swap(*buffer);
+      }
+    }
+  }
+
+private:
+  static constexpr std::size_t kKeptScratchBytes = 1024 * 1024;
+  Scratch& scratch;
+};
+
 // What the header said and what the decode chose, kept by the caller: nothing here may own memory
 // across libjpeg's longjmp.
 struct Plan {
@@ -269,23 +302,23 @@ bool looksLikeJpeg(const std::vector<unsigned char>& bytes) {
 
 JpegThumbnailResult writeJpegThumbnail(int size, const std::string& source,
                                        const std::string& target, std::uint64_t maxPixels) {
-  std::vector<unsigned char> bytes;
-  if (size < 1 || !readWhole(source, bytes) || !looksLikeJpeg(bytes)) {
+  Scratch& scratch = threadScratch();
+  const ScratchTrim trim(scratch);
+  if (size < 1 || !readWhole(source, scratch.bytes) || !looksLikeJpeg(scratch.bytes)) {
     return JpegThumbnailResult::kNotHandled;
   }
   Plan plan;
   std::unique_ptr<AreaAverage> averager;
-  std::vector<unsigned char> rowBuffer;
-  const auto decoded = decode(bytes, size, maxPixels, plan, averager, rowBuffer);
+  const auto decoded = decode(scratch.bytes, size, maxPixels, plan, averager, scratch.rows);
   if (decoded != JpegThumbnailResult::kWritten) {
     return decoded;
   }
   // Far more than a compressed picture of this size can take.
-  std::vector<unsigned char> output(
+  scratch.output.resize(
       static_cast<std::size_t>(plan.targetWidth) * plan.targetHeight * plan.channels * 2 + 65536);
   unsigned long outputSize = 0;
-  if (!encode(averager->pixels(), plan, output, outputSize) ||
-      !writeWhole(target, output.data(), outputSize)) {
+  if (!encode(averager->pixels(), plan, scratch.output, outputSize) ||
+      !writeWhole(target, scratch.output.data(), outputSize)) {
     return JpegThumbnailResult::kNotHandled;
   }
   return JpegThumbnailResult::kWritten;
