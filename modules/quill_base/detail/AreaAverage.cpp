@@ -13,16 +13,16 @@ constexpr int kRowWeightBits = 8;
 constexpr int kColumnWeightBits = 14;
 constexpr int kResultShift = kRowWeightBits + kColumnWeightBits;
 
-// Span is the number of taps of every position; a constant for the common spans, so that the inner
-// loops unroll, and 0 for any other (then given as `span`).
 #if defined(_MSC_VER)
 #define QUILL_RESTRICT __restrict
 #else
 #define QUILL_RESTRICT __restrict__
 #endif
 
+// One target row averaged across. Span is the number of taps of every position: a constant for
+// the common spans, so that the inner loops unroll, and 0 for any other (then given as `span`).
 // The byte stores to `out` could alias anything as far as the compiler knows; restrict tells it
-// they do not, so the inputs are not read again after every store.
+// they do not.
 template <int Channels, int Span>
 void averageAcross(const std::uint16_t* QUILL_RESTRICT in, const int* QUILL_RESTRICT start,
                    const std::uint32_t* QUILL_RESTRICT weights, int span,

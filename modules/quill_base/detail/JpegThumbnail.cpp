@@ -41,14 +41,17 @@ void useErrorManager(ErrorManager& errors) {
   errors.base.emit_message = onMessage;
 }
 
-// The whole source, read with one call: avatars are small, and decoding from memory spares
-// libjpeg's 4 KiB reads.
-bool readWhole(const std::string& path, std::vector<unsigned char>& bytes) {
+// The whole source, read with one call when its first bytes are a JPEG's: avatars are small, and
+// decoding from memory spares libjpeg's 4 KiB reads. Anything else is left unread for the general
+// path.
+bool readJpeg(const std::string& path, std::vector<unsigned char>& bytes) {
   std::FILE* file = std::fopen(path.c_str(), "rb");
   if (file == nullptr) {
     return false;
   }
-  bool ok = std::fseek(file, 0, SEEK_END) == 0;
+  unsigned char magic[3] = {};
+  bool ok = std::fread(magic, 1, 3, file) == 3 && magic[0] == 0xFF && magic[1] == 0xD8 &&
+            magic[2] == 0xFF && std::fseek(file, 0, SEEK_END) == 0;
   const long size = ok ? std::ftell(file) : -1;
   ok = size > 0 && std::fseek(file, 0, SEEK_SET) == 0;
   if (ok) {
@@ -294,17 +297,13 @@ bool encode(const std::vector<unsigned char>& pixels, const Plan& plan,
   return true;
 }
 
-bool looksLikeJpeg(const std::vector<unsigned char>& bytes) {
-  return bytes.size() >= 3 && bytes[0] == 0xFF && bytes[1] == 0xD8 && bytes[2] == 0xFF;
-}
-
 }  // namespace
 
 JpegThumbnailResult writeJpegThumbnail(int size, const std::string& source,
                                        const std::string& target, std::uint64_t maxPixels) {
   Scratch& scratch = threadScratch();
   const ScratchTrim trim(scratch);
-  if (size < 1 || !readWhole(source, scratch.bytes) || !looksLikeJpeg(scratch.bytes)) {
+  if (size < 1 || !readJpeg(source, scratch.bytes)) {
     return JpegThumbnailResult::kNotHandled;
   }
   Plan plan;
