@@ -3,6 +3,7 @@
 #include <quill_base/TextUtils.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -31,6 +32,41 @@ fs::path toPath(const std::string& utf8) {
 
 std::string fromPath(const fs::path& path) {
   return path.u8string();
+}
+
+// Copies the bytes of `from` into a file that createNewFile makes at `to`; on failure nothing is
+// left at `to` and `error` holds errno.
+bool copyIntoNewFile(const std::string& from, const std::string& to, int& error) {
+  std::ifstream source(toPath(from), std::ios::binary);
+  if (!source) {
+    error = errno != 0 ? errno : EIO;
+    return false;
+  }
+  std::FILE* target = FileUtils::createNewFile(to);
+  if (target == nullptr) {
+    error = errno;
+    return false;
+  }
+  std::vector<char> chunk(1 << 20);
+  bool ok = true;
+  while (ok && source) {
+    source.read(chunk.data(), static_cast<std::streamsize>(chunk.size()));
+    const auto got = static_cast<std::size_t>(source.gcount());
+    ok = std::fwrite(chunk.data(), 1, got, target) == got;
+  }
+  ok = ok && source.eof();
+  if (!ok) {
+    error = errno != 0 ? errno : EIO;
+  }
+  ok = FileUtils::makeShareable(target) && ok;
+  if (std::fclose(target) != 0 && ok) {
+    error = errno;
+    ok = false;
+  }
+  if (!ok) {
+    FileUtils::removeFile(to);
+  }
+  return ok;
 }
 
 }  // namespace
@@ -96,7 +132,10 @@ std::string FileUtils::fileExtension(const std::string& path) {
   return extension;
 }
 
-bool FileUtils::moveFile(const std::string& from, const std::string& to) {
+bool FileUtils::moveFile(const std::string& from, const std::string& to, int* systemError) {
+  int ignoredError = 0;
+  int& error = systemError != nullptr ? *systemError : ignoredError;
+  error = 0;
   if (!fileExists(from) || to.empty()) {
     return false;
   }
@@ -113,18 +152,20 @@ bool FileUtils::moveFile(const std::string& from, const std::string& to) {
     return true;
   }
   if (ec != std::errc::cross_device_link) {
+    error = ec.value();
     std::error_code ignored;
     return fs::equivalent(source, target, ignored);
   }
-  // Another file system: copy next to the target first, so that the target is replaced whole by a
-  // rename and never shows a half-written file.
-  const auto staging = toPath(to + ".part-" + TextUtils::UUID_String());
-  fs::copy_file(source, staging, fs::copy_options::overwrite_existing, ec);
-  if (!ec) {
-    fs::rename(staging, target, ec);
+  // Another file system: copy next to the target first, into a file of our own making, so that the
+  // target is replaced whole by a rename and never shows a half-written file.
+  const auto staging = temporaryPath(fileDir(to), fileName(to));
+  if (!copyIntoNewFile(from, staging, error)) {
+    return false;
   }
+  fs::rename(toPath(staging), target, ec);
   if (ec) {
-    fs::remove(staging, ec);
+    error = ec.value();
+    fs::remove(toPath(staging), ec);
     return false;
   }
   fs::remove(source, ec);

@@ -7,7 +7,9 @@
 #include "detail/JpegThumbnail.h"
 #include "detail/VipsLibrary.h"
 
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 namespace {
@@ -82,7 +84,8 @@ bool ImageUtils::scaleImage(int size, const std::string& source, const std::stri
   }
 
   // Most avatars are plain JPEGs: they take the fast path, everything else the general one.
-  const std::string staging = target + ".part-" + TextUtils::UUID_String();
+  const std::string staging =
+      FileUtils::temporaryPath(FileUtils::fileDir(target), FileUtils::fileName(target));
   switch (quill_base_detail::writeJpegThumbnail(size, source, staging, kMaxSourcePixels)) {
     case quill_base_detail::JpegThumbnailResult::kWritten:
       return moveIntoPlace(staging, target);
@@ -132,9 +135,18 @@ bool ImageUtils::scaleImage(int size, const std::string& source, const std::stri
     opaque = flattened.get();
   }
 
-  if (vips.jpegsave(opaque, staging.c_str(), "Q", 85, "strip", TRUE, nullptr) != 0) {
+  // Encoded to memory and written by us: the staging file is created exclusively, never through a
+  // link someone planted at its name.
+  void* encoded = nullptr;
+  size_t encodedSize = 0;
+  if (vips.jpegsaveBuffer(opaque, &encoded, &encodedSize, "Q", 85, "strip", TRUE, nullptr) != 0) {
     QLOG_WARN("cannot scale image " << source << " to " << target << ": " << takeVipsError(vips));
-    FileUtils::removeFile(staging);
+    return false;
+  }
+  const bool written = FileUtils::writeNewFile(staging, encoded, encodedSize);
+  vips.free(encoded);
+  if (!written) {
+    QLOG_WARN("cannot write the scaled image " << staging << ": " << std::strerror(errno));
     return false;
   }
   return moveIntoPlace(staging, target);

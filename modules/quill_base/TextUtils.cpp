@@ -82,3 +82,20 @@ std::string TextUtils::UUID_String() {
   appendHex(uuid, bytes + 10, 6);
   return uuid;
 }
+
+std::string TextUtils::printable(const std::string& text) {
+  static const char* const kHex = "0123456789abcdef";
+  std::string shown;
+  shown.reserve(text.size());
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7f) {
+      shown += "\\x";
+      shown += kHex[byte >> 4];
+      shown += kHex[byte & 0xf];
+    } else {
+      shown += c;
+    }
+  }
+  return shown;
+}

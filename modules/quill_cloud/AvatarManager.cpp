@@ -15,6 +15,35 @@ namespace {
 // Avatars are kept as squares of at most this many pixels a side.
 constexpr int kAvatarSize = 200;
 
+// A user id names directories below the avatar root, and often comes from a server: it must stay
+// below the root. Refused: empty, absolute (a leading separator, or a drive on Windows), a ".."
+// segment, a NUL.
+bool isSafeUserId(const std::string& userId) {
+  if (userId.empty() || userId.find('\0') != std::string::npos || userId.front() == '/' ||
+      userId.front() == '\\') {
+    return false;
+  }
+#if defined(_WIN32)
+  if (userId.find(':') != std::string::npos) {
+    return false;
+  }
+#endif
+  std::size_t start = 0;
+  while (start <= userId.size()) {
+    const auto end = userId.find_first_of("/\\", start);
+    const auto segment =
+        userId.substr(start, end == std::string::npos ? std::string::npos : end - start);
+    if (segment == "..") {
+      return false;
+    }
+    if (end == std::string::npos) {
+      break;
+    }
+    start = end + 1;
+  }
+  return true;
+}
+
 }  // namespace
 
 AvatarManager::AvatarManager(std::shared_ptr<SerialQueue> queue,
@@ -38,6 +67,11 @@ void AvatarManager::addListener(IAvatarManagerListener* newListener) {
 }
 
 bool AvatarManager::createAvatarPath(const std::string& rootDirectory, const std::string& userId) {
+  if (!isSafeUserId(userId)) {
+    QLOG_ERROR("avatar user id refused, it would leave the avatar root: \""
+               << TextUtils::printable(userId) << "\"");
+    return false;
+  }
   std::lock_guard<std::recursive_mutex> lock(mutex);
   const std::string temps = FileUtils::appendComponent(rootDirectory, "temps");
   if (!FileUtils::makeDirectory(temps)) {

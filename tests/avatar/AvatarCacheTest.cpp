@@ -79,3 +79,28 @@ TEST_F(AvatarCache, CleanCacheBeforeTheDirectoriesExistDoesNothing) {
   manager->cleanCache(0);
   EXPECT_EQ(filesIn(root.path()), 0u);
 }
+
+TEST_F(AvatarCache, UserIdsThatWouldLeaveTheRootAreRefusedWithNothingMade) {
+  LogCapture logs;
+  const std::string nestedRoot = FileUtils::appendComponent(root.path(), "r1/r2/r3");
+  const std::vector<std::string> refused = {"",       "../../../escape",     "..",
+                                            "a/../b", "/absolute",           "\\absolute",
+                                            "a\\..",  std::string("u\0v", 3)};
+  for (const auto& userId : refused) {
+    SCOPED_TRACE(userId);
+    EXPECT_FALSE(manager->createAvatarPath(nestedRoot, userId));
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(root.path())) << "not even the root or its temps directory";
+  EXPECT_FALSE(FileUtils::directoryExists(FileUtils::appendComponent(root.path(), "escape")));
+  EXPECT_TRUE(logs.contains(log4cplus::ERROR_LOG_LEVEL,
+                            "avatar user id refused, it would leave the avatar root: "
+                            "\"../../../escape\""));
+  EXPECT_TRUE(logs.contains(log4cplus::ERROR_LOG_LEVEL,
+                            "avatar user id refused, it would leave the avatar root: \"u\\x00v\""));
+  EXPECT_EQ(manager->avatarPath("https://avatars.test/1.png"), "");
+
+  // Names that merely look alike stay accepted.
+  EXPECT_TRUE(manager->createAvatarPath(nestedRoot, "team/..hidden..."));
+  EXPECT_TRUE(FileUtils::directoryExists(
+      FileUtils::appendComponent(nestedRoot, "team/..hidden.../avatars")));
+}

@@ -252,3 +252,31 @@ TEST(ImageUtils, RefusesAJpegWhoseHeaderClaimsTooManyPixels) {
   EXPECT_FALSE(ImageUtils::scaleImage(200, source, target));
   EXPECT_TRUE(onlyFileIn(dir.path(), "huge.jpg")) << "no temporary file left behind";
 }
+
+TEST(ImageUtils, ALinkAtTheTargetIsReplacedNotWrittenThrough) {
+  TempDir dir;
+  const auto jpeg = dir.file("photo.jpg");
+  const auto png = dir.file("photo.png");
+  ASSERT_EQ(vips_jpegsave(makeNoise(400, 300).get(), jpeg.c_str(), nullptr), 0);
+  ASSERT_EQ(vips_pngsave(makeNoise(400, 300).get(), png.c_str(), nullptr), 0);
+  const auto victim = dir.file("victim");
+  std::ofstream(victim) << "someone else's";
+  // Both the JPEG fast path and the general path write the target through a staging file.
+  for (const auto& source : {jpeg, png}) {
+    SCOPED_TRACE(source);
+    FileUtils::makeDirectory(dir.file("out"));
+    const auto target = dir.file("out/avatar.jpg");
+    std::error_code error;
+    std::filesystem::create_symlink(victim, target, error);
+    if (error) {
+      GTEST_SKIP() << "this user cannot make symbolic links";
+    }
+    ASSERT_TRUE(ImageUtils::scaleImage(200, source, target));
+    EXPECT_FALSE(std::filesystem::is_symlink(target));
+    EXPECT_TRUE(isJpeg(target));
+    std::ifstream in(victim);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "someone else's");
+    EXPECT_TRUE(onlyFileIn(dir.file("out"), "avatar.jpg")) << "no staging file left behind";
+    std::filesystem::remove_all(dir.file("out"));
+  }
+}

@@ -97,3 +97,10 @@ TEST(TextUtils, ToString) {
   EXPECT_EQ(TextUtils::toString(true), "true");
   EXPECT_EQ(TextUtils::toString(false), "false");
 }
+
+TEST(TextUtils, PrintableWritesControlCharactersAsHex) {
+  EXPECT_EQ(TextUtils::printable("plain name.txt"), "plain name.txt");
+  EXPECT_EQ(TextUtils::printable(std::string("a\0b", 3)), "a\\x00b");
+  EXPECT_EQ(TextUtils::printable("line\nbreak\x1b[2J\x7f"), "line\\x0abreak\\x1b[2J\\x7f");
+  EXPECT_EQ(TextUtils::printable("Zoë 文件"), "Zoë 文件");
+}

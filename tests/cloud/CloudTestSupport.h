@@ -110,6 +110,9 @@ struct RecordedRequest {
     int state;
     int code;
     std::string message;
+    CloudStorageEndCause cause;
+    std::int64_t bytesDone;
+    std::int64_t bytesTotal;
   };
 
   explicit RecordedRequest(bool isUpload, int kind,
@@ -121,7 +124,8 @@ struct RecordedRequest {
     request->stateCallback = [shared](std::shared_ptr<CloudStorageRequest> r, int state) {
       {
         std::lock_guard<std::mutex> lock(shared->mutex);
-        shared->ended.push_back({state, r->resultCode, r->resultMessage});
+        shared->ended.push_back(
+            {state, r->resultCode, r->resultMessage, r->endCause, r->bytesDone, r->bytesTotal});
       }
       shared->endings.add();
     };

@@ -5,14 +5,36 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <filesystem>
+
 using quill_test::DownloadFixture;
 using quill_test::LogCapture;
 using quill_test::readAll;
 using quill_test::RecordedRequest;
+using quill_test::TempDir;
 
 namespace {
 
 struct DownloadTaskTest : ::testing::Test, DownloadFixture {};
+
+// A download's temporary file: hidden, in `directory`, named after the file it becomes.
+bool isTemporaryFor(const std::string& path, const std::string& directory,
+                    const std::string& name) {
+  const auto base = FileUtils::fileName(path);
+  return FileUtils::fileDir(path) == directory && base.rfind("." + name + ".", 0) == 0 &&
+         base.size() > name.size() + 7 && base.compare(base.size() - 5, 5, ".part") == 0;
+}
+
+std::size_t entriesIn(const std::string& directory) {
+  std::error_code error;
+  std::size_t count = 0;
+  for (std::filesystem::directory_iterator it(directory, error), end; !error && it != end;
+       it.increment(error)) {
+    ++count;
+  }
+  return count;
+}
 
 }  // namespace
 
@@ -24,29 +46,105 @@ TEST_F(DownloadTaskTest, DownloadsThroughTheCacheIntoTheDestination) {
   const auto call = transport->call(0);
   EXPECT_EQ(call.spec.kind, quill_test::ScriptedTransport::Spec::Kind::Download);
   EXPECT_EQ(call.spec.url, "https://files.test/report.pdf");
-  EXPECT_EQ(call.spec.path, FileUtils::appendComponent(cacheDirectory(), "report.pdf"));
+  EXPECT_TRUE(isTemporaryFor(call.spec.path, cacheDirectory(), "report.pdf")) << call.spec.path;
 
   transport->succeedDownload(call.id, "%PDF-1.7 body");
   ASSERT_TRUE(recorded.waitEnded());
   EXPECT_EQ(recorded.ended().state, 3);
   EXPECT_EQ(recorded.ended().code, 2);
   EXPECT_EQ(recorded.ended().message, "");
+  EXPECT_EQ(recorded.ended().cause.text, "");
+  EXPECT_EQ(recorded.ended().bytesDone, 13);
+  EXPECT_EQ(recorded.ended().bytesTotal, 13);
   const auto finalPath = FileUtils::appendComponent(destination.path(), "report.pdf");
   EXPECT_EQ(readAll(finalPath), "%PDF-1.7 body");
   EXPECT_FALSE(FileUtils::fileExists(call.spec.path)) << "moved, not copied";
 }
 
-TEST_F(DownloadTaskTest, WithoutAUserWritesStraightToTheFinalPath) {
+TEST_F(DownloadTaskTest, WithoutAUserGrowsBesideTheFinalPath) {
   auto recorded = download(1, "https://img.test/a.png", "a.png");
   ASSERT_TRUE(service->excuteRequest(recorded.request));
   ASSERT_TRUE(transport->waitForCalls(1));
   const auto call = transport->call(0);
   const auto finalPath = FileUtils::appendComponent(destination.path(), "a.png");
-  EXPECT_EQ(call.spec.path, finalPath);
+  EXPECT_TRUE(isTemporaryFor(call.spec.path, destination.path(), "a.png")) << call.spec.path;
   transport->succeedDownload(call.id, "png bytes");
   ASSERT_TRUE(recorded.waitEnded());
   EXPECT_EQ(recorded.ended().code, 2);
   EXPECT_EQ(readAll(finalPath), "png bytes");
+  EXPECT_EQ(entriesIn(destination.path()), 1u) << "the temporary file became the final one";
+}
+
+TEST_F(DownloadTaskTest, TwoDownloadsOfOneNameGrowInFilesOfTheirOwn) {
+  signIn();
+  TempDir otherDestination;
+  auto first = download(2, "https://files.test/one", "same.bin");
+  auto second = download(2, "https://files.test/two", "same.bin");
+  second.request->directory = otherDestination.path();
+  ASSERT_TRUE(service->excuteRequest(first.request));
+  ASSERT_TRUE(service->excuteRequest(second.request));
+  ASSERT_TRUE(transport->waitForCalls(2));
+  EXPECT_NE(transport->call(0).spec.path, transport->call(1).spec.path);
+  transport->succeedDownload(transport->call(1).id, "second body");
+  transport->succeedDownload(transport->call(0).id, "first body");
+  ASSERT_TRUE(first.waitEnded());
+  ASSERT_TRUE(second.waitEnded());
+  EXPECT_EQ(readAll(FileUtils::appendComponent(destination.path(), "same.bin")), "first body");
+  EXPECT_EQ(readAll(FileUtils::appendComponent(otherDestination.path(), "same.bin")),
+            "second body");
+}
+
+TEST_F(DownloadTaskTest, AFailedDownloadLeavesTheUsersFileAsItWas) {
+  for (const bool withUser : {false, true}) {
+    SCOPED_TRACE(withUser ? "with a cache directory" : "without a cache directory");
+    if (withUser) {
+      signIn();
+    }
+    const auto name = std::string("kept-") + (withUser ? "1" : "0") + ".txt";
+    const auto finalPath = FileUtils::appendComponent(destination.path(), name);
+    std::ofstream(finalPath, std::ios::binary) << "the user's own words";
+    auto recorded = download(2, "https://files.test/" + name, name);
+    ASSERT_TRUE(service->excuteRequest(recorded.request));
+    ASSERT_TRUE(transport->waitForCalls(withUser ? 2 : 1));
+    const auto call = transport->call(withUser ? 1 : 0);
+    EXPECT_NE(call.spec.path, finalPath);
+    std::ofstream(call.spec.path) << "partial";  // what the engine had written
+    transport->end(call.id, 2, 500, "HTTP/1.1 500 Internal Server Error");
+    ASSERT_TRUE(recorded.waitEnded());
+    EXPECT_EQ(recorded.ended().code, -100);
+    EXPECT_EQ(readAll(finalPath), "the user's own words");
+    EXPECT_FALSE(FileUtils::fileExists(call.spec.path));
+  }
+}
+
+TEST_F(DownloadTaskTest, RefusesNamesThatAreNotOnePlainComponent) {
+  LogCapture logs;
+  signIn();
+  TempDir root;
+  const auto inner = FileUtils::appendComponent(root.path(), "a/b");
+  ASSERT_TRUE(FileUtils::makeDirectory(inner));
+  const std::vector<std::string> names = {"../../x", "../x", "..",   ".",
+                                          "a/b",     "/abs", "a\\b", std::string("x\0y", 3)};
+  for (const auto& name : names) {
+    SCOPED_TRACE(name);
+    auto recorded = download(2, "https://files.test/evil", name);
+    recorded.request->directory = inner;
+    ASSERT_TRUE(service->excuteRequest(recorded.request));
+    ASSERT_TRUE(recorded.waitEnded());
+    EXPECT_EQ(recorded.ended().code, -1);
+    EXPECT_EQ(recorded.ended().message, "the download file name is not a plain file name");
+    EXPECT_NE(recorded.ended().cause.text.find("not a plain file name"), std::string::npos);
+  }
+  EXPECT_TRUE(quill_test::eventually([&] {
+    return logs.contains(log4cplus::ERROR_LOG_LEVEL,
+                         "download file name is not a plain name: ../../x") &&
+           logs.contains(log4cplus::ERROR_LOG_LEVEL,
+                         "download file name is not a plain name: x\\x00y");
+  }));
+  EXPECT_EQ(transport->startedCalls().size(), 0u);
+  EXPECT_EQ(entriesIn(inner), 0u);
+  EXPECT_EQ(entriesIn(root.path()), 1u) << "only a/ itself";
+  EXPECT_EQ(entriesIn(cacheDirectory()), 0u);
 }
 
 TEST_F(DownloadTaskTest, MapsTransferFailuresToResultCodes) {
@@ -71,6 +169,10 @@ TEST_F(DownloadTaskTest, MapsTransferFailuresToResultCodes) {
     ASSERT_TRUE(recorded.waitEnded());
     EXPECT_EQ(recorded.ended().code, rows[i].code) << i;
     EXPECT_EQ(recorded.ended().message, rows[i].message) << i;
+    EXPECT_EQ(recorded.ended().cause.text,
+              rows[i].outcome == 1 ? "cancelled" : "reason " + std::to_string(i))
+        << i;
+    EXPECT_EQ(recorded.ended().cause.httpStatus, rows[i].status) << i;
     EXPECT_TRUE(logs.contains(log4cplus::ERROR_LOG_LEVEL,
                               "download response code:" + std::to_string(rows[i].status) +
                                   " desc:reason " + std::to_string(i)));
@@ -93,6 +195,7 @@ TEST_F(DownloadTaskTest, AnEmptyBodyIsAFailureAndLandsNothing) {
   ASSERT_TRUE(recorded.waitEnded());
   EXPECT_EQ(recorded.ended().code, -1);
   EXPECT_EQ(recorded.ended().message, "");
+  EXPECT_EQ(recorded.ended().cause.text, "the server sent an empty file");
   EXPECT_TRUE(logs.contains(log4cplus::ERROR_LOG_LEVEL, "download file size error"));
   EXPECT_FALSE(FileUtils::fileExists(call.spec.path));
   EXPECT_FALSE(FileUtils::fileExists(FileUtils::appendComponent(destination.path(), "empty.bin")));
@@ -114,6 +217,9 @@ TEST_F(DownloadTaskTest, AFailedMoveIsAFailure) {
   EXPECT_EQ(recorded.ended().message, "");
   EXPECT_TRUE(logs.contains(log4cplus::ERROR_LOG_LEVEL,
                             "failed to move temp file to cache path \n " + finalPath));
+  EXPECT_EQ(recorded.ended().cause.systemError, EISDIR);
+  EXPECT_NE(recorded.ended().cause.text.find(finalPath), std::string::npos)
+      << recorded.ended().cause.text;
   EXPECT_FALSE(FileUtils::fileExists(call.spec.path));
 }
 

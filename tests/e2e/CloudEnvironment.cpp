@@ -77,6 +77,7 @@ Tracked::Tracked(bool upload, int kind)
       shared->code = ended->resultCode;
       shared->message = ended->resultMessage;
       shared->url = ended->url;
+      shared->cause = ended->endCause;
     }
     shared->endings.add();
   };
@@ -103,6 +104,10 @@ std::string Tracked::message() const {
 std::string Tracked::url() const {
   std::lock_guard<std::mutex> lock(state->mutex);
   return state->url;
+}
+CloudStorageEndCause Tracked::cause() const {
+  std::lock_guard<std::mutex> lock(state->mutex);
+  return state->cause;
 }
 std::vector<int> Tracked::percents() const {
   std::lock_guard<std::mutex> lock(state->mutex);

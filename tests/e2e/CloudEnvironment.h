@@ -46,7 +46,7 @@ class Tracked;
 // the watched requests ended (a request's end is reported before the next waiting one starts).
 void recordRequestsAtFirstEnd(Tracked& tracked, std::atomic<long>& seen, std::uint64_t baseline);
 
-// A request whose end is recorded: code, message and url at the time of stateCallback.
+// A request whose end is recorded: code, message, url and cause at the time of stateCallback.
 class Tracked {
 public:
   Tracked(bool upload, int kind);
@@ -58,6 +58,7 @@ public:
   int code() const;
   std::string message() const;
   std::string url() const;
+  CloudStorageEndCause cause() const;
   std::vector<int> percents() const;
 
 private:
@@ -66,6 +67,7 @@ private:
     int code = 0;
     std::string message;
     std::string url;
+    CloudStorageEndCause cause;
     std::vector<int> percents;
     EventCounter endings;
   };

@@ -10,7 +10,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <map>
 
 using namespace quill_test;
@@ -66,13 +69,58 @@ TEST_P(Download, AnEmptyFileGivesAnEmptyFile) {
   expectProgressEndsAtTotal(record->progressReports(), 0);
 }
 
-TEST_P(Download, ReplacesWhatWasAtThePath) {
+TEST_P(Download, LeavesATakenPathAloneAndFails) {
   const auto urlPath = storePattern("small.bin", 1000);
   writeWholeFile(dir.file("out.bin"), std::string(5000, 'x'));
   auto response = download(url(urlPath), dir.file("out.bin"), TransferRecord::make());
   ASSERT_NE(response, nullptr);
-  EXPECT_EQ(response->outcome, HttpResponse::kCompleted) << response->text;
-  EXPECT_TRUE(holdsPattern(dir.file("out.bin"), 1000));
+  EXPECT_EQ(response->outcome, HttpResponse::kFailed);
+  EXPECT_EQ(response->systemError, EEXIST) << response->text;
+  EXPECT_NE(response->text.find(dir.file("out.bin")), std::string::npos) << response->text;
+  EXPECT_EQ(readWholeFile(dir.file("out.bin")), std::string(5000, 'x'));
+}
+
+TEST_P(Download, NeverWritesThroughALinkAtThePath) {
+  const auto urlPath = storePattern("small.bin", 1000);
+  const auto victim = dir.file("victim");
+  writeWholeFile(victim, "belongs to someone else");
+  std::error_code error;
+  std::filesystem::create_symlink(victim, dir.file("planted"), error);
+  if (error) {
+    GTEST_SKIP() << "cannot make a symbolic link here: " << error.message();
+  }
+  auto response = download(url(urlPath), dir.file("planted"), TransferRecord::make());
+  ASSERT_NE(response, nullptr);
+  EXPECT_EQ(response->outcome, HttpResponse::kFailed);
+  EXPECT_NE(response->systemError, 0) << response->text;
+  EXPECT_EQ(readWholeFile(victim), "belongs to someone else");
+  EXPECT_TRUE(std::filesystem::is_symlink(dir.file("planted")))
+      << "the link itself is not removed either";
+}
+
+TEST_P(Download, IsPrivateWhileItGrowsAndOrdinaryOnceWhole) {
+  const auto urlPath = storePattern("slow.bin", 256 * 1024);
+  const auto path = dir.file("slow.bin");
+  auto record = TransferRecord::make();
+  HttpClient::downloadFile(url(urlPath + "?quill_rate=262144"), path, record->progress(),
+                           record->completion());
+  ASSERT_TRUE(eventually([&] { return FileUtils::fileExists(path); }));
+  const auto growing = std::filesystem::status(path).permissions();
+  auto response = record->wait();
+  ASSERT_NE(response, nullptr);
+  ASSERT_EQ(response->outcome, HttpResponse::kCompleted) << response->text;
+  EXPECT_EQ(growing & std::filesystem::perms::all,
+            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  unsigned mask = 022;
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("Umask:", 0) == 0) {
+      mask = static_cast<unsigned>(std::stoul(line.substr(6), nullptr, 8));
+    }
+  }
+  EXPECT_EQ(static_cast<unsigned>(std::filesystem::status(path).permissions() &
+                                  std::filesystem::perms::all),
+            0666u & ~mask);
 }
 
 TEST_P(Download, ErrorStatusesFailAndLeaveNoFile) {

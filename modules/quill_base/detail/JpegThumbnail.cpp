@@ -2,6 +2,8 @@
 
 #include "AreaAverage.h"
 
+#include <quill_base/FileUtils.h>
+
 #include <algorithm>
 #include <cmath>
 #include <csetjmp>
@@ -60,15 +62,6 @@ bool readJpeg(const std::string& path, std::vector<unsigned char>& bytes) {
   }
   std::fclose(file);
   return ok;
-}
-
-bool writeWhole(const std::string& path, const unsigned char* data, std::size_t size) {
-  std::FILE* file = std::fopen(path.c_str(), "wb");
-  if (file == nullptr) {
-    return false;
-  }
-  const bool written = std::fwrite(data, 1, size, file) == size;
-  return std::fclose(file) == 0 && written;
 }
 
 bool startsWith(const jpeg_saved_marker_ptr marker, const char* prefix, std::size_t length) {
@@ -317,7 +310,7 @@ JpegThumbnailResult writeJpegThumbnail(int size, const std::string& source,
       static_cast<std::size_t>(plan.targetWidth) * plan.targetHeight * plan.channels * 2 + 65536);
   unsigned long outputSize = 0;
   if (!encode(averager->pixels(), plan, scratch.output, outputSize) ||
-      !writeWhole(target, scratch.output.data(), outputSize)) {
+      !FileUtils::writeNewFile(target, scratch.output.data(), outputSize)) {
     return JpegThumbnailResult::kNotHandled;
   }
   return JpegThumbnailResult::kWritten;

@@ -99,7 +99,8 @@ bool load() {
   bind(library, "vips_array_double_new", loaded.arrayDoubleNew, missing);
   bind(library, "vips_area_unref", loaded.areaUnref, missing);
   bind(library, "vips_flatten", loaded.flatten, missing);
-  bind(library, "vips_jpegsave", loaded.jpegsave, missing);
+  bind(library, "vips_jpegsave_buffer", loaded.jpegsaveBuffer, missing);
+  bind(library, "g_free", loaded.free, missing);
   if (!missing.empty()) {
     QLOG_ERROR("libvips lacks " << missing);
     return false;

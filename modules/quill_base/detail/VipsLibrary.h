@@ -22,7 +22,8 @@ struct VipsLibrary {
   VipsArrayDouble* (*arrayDoubleNew)(const double* array, int n);
   void (*areaUnref)(VipsArea* area);
   int (*flatten)(VipsImage* in, VipsImage** out, ...);
-  int (*jpegsave)(VipsImage* in, const char* filename, ...);
+  int (*jpegsaveBuffer)(VipsImage* in, void** buffer, size_t* length, ...);
+  void (*free)(gpointer memory);
 };
 
 // Loads libvips and starts it, once for the process; null (and the reason logged) when it cannot

@@ -7,6 +7,7 @@
 #include <quill_base/TextUtils.h>
 #include <quill_network/HttpClient.h>
 
+#include <cstring>
 #include <utility>
 
 namespace cloud {
@@ -47,17 +48,32 @@ bool DownloadTask::startWithConfig(CloudStorageConfig* config) {
                                               << " file name:" << request->fileName);
     return false;
   }
+  if (!FileUtils::isPlainFileName(request->fileName)) {
+    // Names often come from servers and messages: one that climbs out of `directory` (or names
+    // something other than a file in it) is refused before anything is written.
+    noteEndCause("the file name \"" + TextUtils::printable(request->fileName) +
+                 "\" is not a plain file name: it holds a path separator or a NUL, or is . or ..");
+    fail("the download file name is not a plain file name", false);
+    QLOG_ERROR(
+        "download file name is not a plain name: " << TextUtils::printable(request->fileName));
+    return false;
+  }
   if (!FileUtils::directoryExists(request->directory)) {
     fail("the download cache path not exists", false);
     QLOG_ERROR("the download cache path not exists, " << request->directory);
     return false;
   }
 
-  // Without a cache directory the body goes straight to its final path; the move is then onto
-  // itself.
+  // Deliberately not "<cache directory>/<fileName>", nor the final path itself when there is no
+  // cache directory: two downloads of one name (in this process or another sharing the user
+  // directory) would write into the same file, a failure would delete a file the user already had,
+  // and a link planted at a predictable name would redirect the write. Each download gets a file
+  // of its own instead, under a random name, in the cache directory or else beside the final path;
+  // the engine creates it exclusively and never follows a link. It is renamed over the final path
+  // only once complete, so what the host observes is unchanged.
   const auto& tempDirectory =
       FileUtils::directoryExists(cachePath) ? cachePath : request->directory;
-  tempFilePath = FileUtils::appendComponent(tempDirectory, request->fileName);
+  tempFilePath = FileUtils::temporaryPath(tempDirectory, request->fileName);
   taskState = kRunning;
   startDownload();
   return true;
@@ -96,7 +112,8 @@ void DownloadTask::startDownload() {
           QLOG_ERROR("download response code:" << ended.status << " desc:" << ended.text);
         }
         std::string desc = code == 2 ? std::string() : TextUtils::toString(ended.status);
-        postIfAlive(weak, queue, [code, desc = std::move(desc)](DownloadTask& task) mutable {
+        postIfAlive(weak, queue, [code, desc = std::move(desc), ended](DownloadTask& task) mutable {
+          task.noteEndCause(ended);
           task.processDownloadCompletion(code, std::move(desc));
         });
       };
@@ -130,16 +147,24 @@ void DownloadTask::processDownloadCompletion(int code, std::string desc) {
 }
 
 bool DownloadTask::moveDownloadFile() {
-  if (FileUtils::fileSize(tempFilePath) == 0) {
+  const auto size = FileUtils::fileSize(tempFilePath);
+  if (size == 0) {
+    noteEndCause(FileUtils::fileExists(tempFilePath) ? "the server sent an empty file"
+                                                     : "the downloaded file is missing");
     QLOG_ERROR("download file size error");
     return false;
   }
   const auto finalPath = FileUtils::appendComponent(request->directory, request->fileName);
-  const bool moved = FileUtils::moveFile(tempFilePath, finalPath);
+  int error = 0;
+  const bool moved = FileUtils::moveFile(tempFilePath, finalPath, &error);
   if (!moved) {
+    noteEndCause("cannot move the download to " + finalPath + ": " + std::strerror(error), error);
     QLOG_ERROR("failed to move temp file to cache path \n " << finalPath);
+    return false;
   }
-  return moved;
+  request->bytesDone = static_cast<std::int64_t>(size);
+  request->bytesTotal = static_cast<std::int64_t>(size);
+  return true;
 }
 
 void DownloadTask::cancel() {

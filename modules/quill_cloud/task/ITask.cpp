@@ -55,6 +55,8 @@ void ITask::reportProgress(double done, double total) {
   if (done <= 0 || total <= 0 || !request) {
     return;
   }
+  request->bytesDone = static_cast<std::int64_t>(done);
+  request->bytesTotal = static_cast<std::int64_t>(total);
   // A server may send more than it announced: keep the conversion within int.
   const int percent = static_cast<int>(std::min(done / total * 100.0, 2147483647.0));
   if (!((lastProgress == 0 && percent > 0) || percent - lastProgress >= 1)) {
@@ -71,6 +73,17 @@ void ITask::reportProgress(double done, double total) {
   }
 }
 
+void ITask::noteEndCause(std::string text, int systemError, int httpStatus) {
+  pendingCause.text = std::move(text);
+  pendingCause.systemError = systemError;
+  pendingCause.httpStatus = httpStatus;
+}
+
+void ITask::noteEndCause(const HttpResponse& response) {
+  noteEndCause(response.outcome == HttpResponse::kCancelled ? "cancelled" : response.text,
+               response.systemError, response.status);
+}
+
 void ITask::finish(int state, int code, const std::string& message, bool retry) {
   transferId.clear();
   taskState = state;
@@ -79,7 +92,16 @@ void ITask::finish(int state, int code, const std::string& message, bool retry) 
     if (&message != &request->resultMessage) {
       request->resultMessage = message;
     }
+    if (code == 2) {
+      request->endCause = CloudStorageEndCause{};
+    } else {
+      if (pendingCause.text.empty()) {
+        pendingCause.text = code == 3 ? "cancelled" : message;
+      }
+      request->endCause = std::move(pendingCause);
+    }
   }
+  pendingCause = CloudStorageEndCause{};
   if (completionCallback) {
     completionCallback(shared_from_this(), retry);
   }

@@ -7,6 +7,8 @@
 
 #include "task/CallbackGate.h"
 
+#include <quill_network/HttpResponse.h>
+
 #include <functional>
 #include <memory>
 #include <string>
@@ -68,6 +70,12 @@ public:
   // finish(3, -1, message, retry)
   void fail(const std::string& message, bool retry);
 
+  // Records why the task is about to end, for the request's endCause; finish() writes it (a failure
+  // without a recorded cause gets its message as the cause) and forgets it.
+  void noteEndCause(std::string text, int systemError = 0, int httpStatus = 0);
+  // The same from a network response: its error text, errno and status.
+  void noteEndCause(const HttpResponse& response);
+
   // The gate through which this task calls the request's progressCallback.
   void setCallbackGate(std::shared_ptr<CallbackGate> gate) { callbackGate = std::move(gate); }
 
@@ -107,6 +115,7 @@ protected:
   // Id of the transfer in flight, as HttpClient returned it; empty when none.
   std::string transferId;
   std::shared_ptr<CallbackGate> callbackGate;
+  CloudStorageEndCause pendingCause;
 };
 
 }  // namespace cloud

@@ -75,7 +75,12 @@ void UploadTask::reportFileServiceReply(const std::weak_ptr<UploadTask>& task,
   if (code != 2) {
     QLOG_ERROR("upload failed, code:" << response.status << "\n" << response.text);
   }
-  postIfAlive(task, queue, [path, code, message](UploadTask& alive) {
+  CloudStorageEndCause cause;
+  if (code != 2) {
+    cause = causeOfFailedUpload(response, "the file service did not accept the upload: " + message);
+  }
+  postIfAlive(task, queue, [path, code, message, cause](UploadTask& alive) {
+    alive.noteEndCause(cause.text, cause.systemError, cause.httpStatus);
     alive.processUploadCompletion(path, code, message, false);
   });
 }

@@ -67,6 +67,8 @@ bool UploadTask::acceptSignatureReply(const HttpResponse& reply, int code, std::
     return true;
   }
   QLOG_ERROR("request signature failed, code:" << reply.status << "\n" << reply.text);
+  const auto cause = causeOfFailedUpload(reply, "the signature reply was not accepted: " + message);
+  noteEndCause(cause.text, cause.systemError, cause.httpStatus);
   finish(kFinished, code, message, false);
   return false;
 }

@@ -73,7 +73,12 @@ void UploadTask::reportSignedUploadEnd(const std::weak_ptr<UploadTask>& task,
   if (response.outcome != HttpResponse::kCompleted) {
     QLOG_ERROR("upload failed, code:" << response.status << " desc:" << response.text);
   }
-  postIfAlive(task, queue, [path, code, message](UploadTask& alive) {
+  CloudStorageEndCause cause;
+  if (code != 2) {
+    cause = causeOfFailedUpload(response, message);
+  }
+  postIfAlive(task, queue, [path, code, message, cause](UploadTask& alive) {
+    alive.noteEndCause(cause.text, cause.systemError, cause.httpStatus);
     alive.processUploadCompletion(path, code, message, false);
   });
 }

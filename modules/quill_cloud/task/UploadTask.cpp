@@ -81,6 +81,21 @@ bool UploadTask::startWithConfig(CloudStorageConfig* config) {
   return true;
 }
 
+CloudStorageEndCause UploadTask::causeOfFailedUpload(const HttpResponse& response,
+                                                     const std::string& refusal) {
+  CloudStorageEndCause cause;
+  cause.httpStatus = response.status;
+  if (response.outcome == HttpResponse::kCancelled) {
+    cause.text = "cancelled";
+  } else if (response.outcome == HttpResponse::kFailed) {
+    cause.text = response.text;
+    cause.systemError = response.systemError;
+  } else {
+    cause.text = refusal;
+  }
+  return cause;
+}
+
 std::string UploadTask::completeUrlScheme(const std::string& url) {
   if (url.empty()) {
     return {};

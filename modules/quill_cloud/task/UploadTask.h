@@ -32,6 +32,11 @@ public:
   void processUploadCompletion(const std::string& url, int code, const std::string& desc,
                                bool retry);
 
+  // Why an upload step ended without success: the transfer's own cause when it failed or was
+  // cancelled, else (a reply arrived but was not accepted) `refusal` with the reply's status.
+  static CloudStorageEndCause causeOfFailedUpload(const HttpResponse& response,
+                                                  const std::string& refusal);
+
   // "//host/x" -> "https://host/x", "host/x" -> "https://host/x"; http(s) URLs as they are.
   static std::string completeUrlScheme(const std::string& url);
 

@@ -122,9 +122,7 @@ void CurlEngine::handleQueued(std::vector<QueuedStart> starts, std::vector<std::
     QueuedStart start = std::move(*queued);
     starts.erase(queued);
     cancelled = cancels.erase(cancelled);
-    if (start.spec.kind == TransferSpec::Kind::Download) {
-      FileUtils::removeFile(start.spec.path);
-    }
+    // Nothing was created for it, so nothing is removed: whatever is at its path is not ours.
     auto response = std::make_shared<HttpResponse>();
     response->outcome = HttpResponse::kCancelled;
     response->text = "cancelled";

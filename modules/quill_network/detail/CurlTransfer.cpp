@@ -96,6 +96,7 @@ bool CurlTransfer::setKindOptions() {
       download = std::make_unique<DownloadFile>(spec.path, kFileWriteChunk);
       if (!download->open()) {
         localError = download->error();
+        localErrno = download->systemError();
         return false;
       }
       return setOption(h, CURLOPT_BUFFERSIZE, kReceiveBufferBytes, e);
@@ -207,6 +208,7 @@ std::size_t CurlTransfer::onWrite(char* data, std::size_t size, std::size_t coun
     }
     if (!transfer->download->write(data, bytes)) {
       transfer->localError = transfer->download->error();
+      transfer->localErrno = transfer->download->systemError();
       return 0;  // anything short of `bytes` makes libcurl fail the transfer
     }
     return bytes;
@@ -311,6 +313,7 @@ std::shared_ptr<HttpResponse> CurlTransfer::failedToStart() const {
   auto response = std::make_shared<HttpResponse>();
   response->outcome = HttpResponse::kFailed;
   response->text = localError.empty() ? "the transfer could not start" : localError;
+  response->systemError = localErrno;
   return response;
 }
 
@@ -322,10 +325,12 @@ std::shared_ptr<HttpResponse> CurlTransfer::finish(CURLcode result) {
   response->outcome = HttpResponse::kFailed;
   if (result != CURLE_OK || !localError.empty()) {
     response->text = describeFailure(result);
+    response->systemError = localError.empty() ? 0 : localErrno;
   } else if (!isSuccess(status)) {
     response->text = statusLine.empty() ? "HTTP status " + std::to_string(status) : statusLine;
   } else if (download && !download->commit()) {
     response->text = download->error();
+    response->systemError = download->systemError();
   } else {
     response->outcome = HttpResponse::kCompleted;
     if (!download) {

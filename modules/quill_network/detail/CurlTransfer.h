@@ -79,6 +79,8 @@ private:
   std::string statusLine;
   // Why the transfer failed on this side (a file error), when it did.
   std::string localError;
+  // errno behind localError, when a system call failed.
+  int localErrno = 0;
   char errorBuffer[CURL_ERROR_SIZE] = {};
   // Content-Length of the successful reply of a download; -1 when unknown.
   curl_off_t downloadLength = -1;

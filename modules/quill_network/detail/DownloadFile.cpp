@@ -17,12 +17,18 @@ DownloadFile::~DownloadFile() {
   }
 }
 
+void DownloadFile::fail(const std::string& what) {
+  lastErrno = errno;
+  lastError = what + ": " + std::strerror(lastErrno);
+}
+
 bool DownloadFile::open() {
-  file = std::fopen(path.c_str(), "wb");
+  file = FileUtils::createNewFile(path);
   if (file == nullptr) {
-    lastError = "cannot open " + path + " for writing: " + std::strerror(errno);
+    fail("cannot create " + path);
     return false;
   }
+  created = true;
   // The chunks are the buffer; a second one in stdio would only copy the bytes once more.
   std::setvbuf(file, nullptr, _IONBF, 0);
   return true;
@@ -40,7 +46,7 @@ bool DownloadFile::write(const char* data, std::size_t size) {
   // receive buffer) goes straight to the file: gathering it would only copy it once more.
   if (size >= chunkBytes || (pending.empty() && size >= chunkBytes / 16)) {
     if (std::fwrite(data, 1, size, file) != size) {
-      lastError = "writing " + path + " failed: " + std::strerror(errno);
+      fail("writing " + path + " failed");
       return false;
     }
   } else {
@@ -58,7 +64,7 @@ bool DownloadFile::flush() {
   }
   const bool written = std::fwrite(pending.data(), 1, pending.size(), file) == pending.size();
   if (!written) {
-    lastError = "writing " + path + " failed: " + std::strerror(errno);
+    fail("writing " + path + " failed");
   }
   pending.clear();
   return written;
@@ -70,10 +76,14 @@ bool DownloadFile::commit() {
     return false;
   }
   const bool flushed = flush();
+  // Private while it grows; once whole it is the user's file like any other.
+  if (flushed && !FileUtils::makeShareable(file)) {
+    QLOG_WARN("could not set the permissions of " << path << ": " << std::strerror(errno));
+  }
   const bool closed = std::fclose(file) == 0;
   file = nullptr;
   if (flushed && !closed) {
-    lastError = "closing " + path + " failed: " + std::strerror(errno);
+    fail("closing " + path + " failed");
   }
   committed = flushed && closed;
   if (!committed) {
@@ -90,9 +100,11 @@ void DownloadFile::discard() {
   pending.clear();
   pending.shrink_to_fit();
   committed = false;
-  if (FileUtils::fileExists(path) && !FileUtils::removeFile(path)) {
+  if (created && FileUtils::fileExists(path) && !FileUtils::removeFile(path)) {
     QLOG_WARN("could not remove the unfinished download " << path);
   }
+  // Once gone, the name is no longer ours: whatever appears there later is left alone.
+  created = false;
 }
 
 }  // namespace quill_network_detail

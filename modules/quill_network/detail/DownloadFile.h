@@ -18,28 +18,35 @@ public:
   DownloadFile(const DownloadFile&) = delete;
   DownloadFile& operator=(const DownloadFile&) = delete;
 
-  // Creates or truncates the file; false when it cannot be opened for writing.
+  // Creates the file, which must not exist yet (a link there is refused, never followed); false
+  // when it cannot be created.
   bool open();
   // False when the bytes could not be written (the reason is in error()).
   bool write(const char* data, std::size_t size);
   // Writes what is gathered and closes the file, which then stays; false on a write error.
   bool commit();
-  // Closes the file and removes it from disk.
+  // Closes the file and removes it from disk, if this object created it: a file that was there
+  // before is never touched.
   void discard();
 
   std::size_t bytesWritten() const { return total; }
   const std::string& error() const { return lastError; }
+  // errno of the last failure; 0 when none.
+  int systemError() const { return lastErrno; }
 
 private:
   bool flush();
+  void fail(const std::string& what);
 
   std::string path;
   std::size_t chunkBytes;
   std::FILE* file = nullptr;
   std::vector<char> pending;
   std::size_t total = 0;
+  bool created = false;
   bool committed = false;
   std::string lastError;
+  int lastErrno = 0;
 };
 
 }  // namespace quill_network_detail

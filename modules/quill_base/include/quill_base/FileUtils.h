@@ -2,7 +2,9 @@
 
 #include <quill_base/quill_base_export.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <string>
 
 // File-system helpers on UTF-8 paths. None of them throws: failures are reported through the
@@ -31,10 +33,34 @@ public:
   static std::string fileExtension(const std::string& path);
 
   // Moves a file, replacing the target. An atomic rename within one file system; across file
-  // systems a copy into a temporary file next to the target, then a rename. Moving a file onto
+  // systems a copy into a temporary file next to the target (with the permissions of a new file),
+  // then a rename. Moving a file onto
   // itself succeeds and changes nothing. False when the source is missing or the move failed (the
-  // source is then left where it was and the target untouched).
-  static bool moveFile(const std::string& from, const std::string& to);
+  // source is then left where it was and the target untouched); `systemError`, when given, then
+  // holds the system's error number (0 when the source was missing).
+  static bool moveFile(const std::string& from, const std::string& to, int* systemError = nullptr);
+
+  // Creates a new file and opens it for writing (binary, unbuffered by the caller's choice). Fails
+  // when anything already has that name, a symbolic link included, which is never followed: a link
+  // planted by someone else cannot redirect the write. The file is readable and writable by its
+  // owner only. Null on failure, with errno set.
+  static std::FILE* createNewFile(const std::string& path);
+  // Gives a file made by createNewFile the permissions an ordinary new file of the process gets
+  // (0666 less the umask), for a temporary file that becomes a user's file once complete. Nothing
+  // to do on Windows. False when the permissions could not be changed.
+  static bool makeShareable(std::FILE* file);
+  // createNewFile, the bytes written, the file made shareable (it is whole by then) and closed;
+  // false (nothing left behind) on failure, with errno set.
+  static bool writeNewFile(const std::string& path, const void* data, std::size_t size);
+
+  // A path in `directory` for a temporary file that will become `name`, unique across threads and
+  // processes (128 random bits): "<directory>/.<name>.<random>.part", the name shortened when the
+  // whole would not fit in one file-name component. Creates nothing.
+  static std::string temporaryPath(const std::string& directory, const std::string& name);
+  // True for one plain file-name component: not empty, not "." or "..", no NUL and no path
+  // separator ('/' or '\\', both refused everywhere so that a name behaves the same on every
+  // platform; on Windows also no ':', which names a drive or a stream).
+  static bool isPlainFileName(const std::string& name);
 
   // True when both are readable regular files with the same bytes; compared a chunk at a time,
   // never reading either whole.

@@ -24,6 +24,10 @@ public:
   // A random (version 4) UUID from a cryptographically secure source, 36 lowercase characters.
   static std::string UUID_String();
 
+  // The text with its control characters (NUL, line breaks, escapes...) written as \xNN, for
+  // showing a name that came from outside in a log line or a message.
+  static std::string printable(const std::string& text);
+
   // Decimal text of a number in the "C" locale: integers exactly, floating point in the shortest
   // form that reads back to the same value; bools as "true"/"false".
   template <typename T>

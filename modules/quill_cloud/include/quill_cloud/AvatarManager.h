@@ -57,7 +57,8 @@ public:
   void addListener(IAvatarManagerListener* listener);
 
   // Makes "<rootDirectory>/temps" and "<rootDirectory>/<userId>/avatars" (with missing parents).
-  // False, with an error logged, when either cannot be made.
+  // False, with an error logged, when either cannot be made, and, with nothing made, for a user id
+  // that would leave the root: empty, absolute, or holding a ".." segment or a NUL.
   bool createAvatarPath(const std::string& rootDirectory, const std::string& userId);
 
   // Where the scaled avatar of `url` is (or will be) kept; "" before createAvatarPath succeeded.

@@ -7,6 +7,22 @@
 #include <memory>
 #include <string>
 
+// Why a request ended, in more detail than resultCode and resultMessage (which keep the values they
+// have always had). The task writes it into the request just before stateCallback; it is empty
+// while the request runs and after a success.
+struct CloudStorageEndCause {
+  // What happened, in words: the network library's error text ("Could not resolve host: x",
+  // "SSL certificate problem: unable to get local issuer certificate"), the reply's status line
+  // ("HTTP/1.1 503 Service Unavailable"), or a local failure ("cannot create /d/.f.part: Permission
+  // denied", "the server sent an empty file"). "cancelled" for a cancelled request.
+  std::string text;
+  // The system's error number (errno; on Windows the system error code) of a local failure such as
+  // a file that could not be created or moved; 0 when the cause was not one.
+  int systemError = 0;
+  // The HTTP status of the last reply received; 0 when none arrived.
+  int httpStatus = 0;
+};
+
 // One download or upload as the host describes it. The host fills it in, hands it to
 // CloudStorageService::excuteRequest as a shared pointer, and shares it with the task that serves
 // it: the task writes the outcome (resultCode, resultMessage, and for uploads url and fileSize)
@@ -50,6 +66,12 @@ public:
   std::string auxText4;
   std::int32_t resultCode = 1;
   std::string resultMessage;
+  // Why the request ended (see CloudStorageEndCause); written before stateCallback.
+  CloudStorageEndCause endCause;
+  // Bytes moved so far and the whole size (-1 while unknown). Written on the service's queue before
+  // each progressCallback, and before stateCallback (a finished download: the file's size).
+  std::int64_t bytesDone = 0;
+  std::int64_t bytesTotal = -1;
   // Called once, on the service's serial queue, when the request has ended; the int is the task
   // state (3, finished). The outcome is in resultCode and resultMessage.
   Callback stateCallback;

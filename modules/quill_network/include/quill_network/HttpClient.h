@@ -19,15 +19,18 @@
 // 20 times a second plus once at the end; an empty function is allowed. `completion` is called
 // exactly once per transfer on the network thread, also after cancelRequest().
 //
-// A download writes into the file at `path` as bytes arrive. A download that fails or is cancelled
-// leaves no file behind at `path`.
+// A download creates the file at `path` and writes into it as bytes arrive. The file must not exist
+// yet: a download to a name that is taken (a symbolic link included, which is never followed) fails
+// without touching it. The file is private to its owner while it grows and gets the permissions of
+// an ordinary new file once complete. A download that fails or is cancelled removes the file it
+// created, and only that.
 class QUILL_NETWORK_EXPORT HttpClient {
 public:
   using ProgressFunction = std::function<void(double done, double total)>;
   using CompletionFunction = std::function<void(std::shared_ptr<HttpResponse>)>;
   using RequestSetup = std::function<void(HttpRequest&)>;
 
-  // GET `url` into the file at `path` (created or truncated).
+  // GET `url` into a new file at `path`.
   static std::string downloadFile(const std::string& url, const std::string& path,
                                   ProgressFunction progress, CompletionFunction completion);
 

@@ -18,4 +18,7 @@ struct QUILL_NETWORK_EXPORT HttpResponse {
   // After a completed form post or upload: the reply body (at most 1 MiB of it). Otherwise an error
   // description: the transport's error text, or the status line.
   std::string text;
+  // errno of a local file failure that ended the transfer (the download file could not be created
+  // or written); 0 otherwise.
+  int systemError = 0;
 };
