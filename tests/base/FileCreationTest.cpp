@@ -135,10 +135,10 @@ TEST(FileCreation, TemporaryPathsAreHiddenUniqueAndFitOneComponent) {
 }
 
 TEST(FileCreation, PlainFileNamesAreOneComponent) {
-  for (const std::string name : {"a", "report.pdf", "..a", "a..", "...", "Zoë 文件.txt", " x "}) {
+  for (const char* name : {"a", "report.pdf", "..a", "a..", "...", "Zoë 文件.txt", " x "}) {
     EXPECT_TRUE(FileUtils::isPlainFileName(name)) << name;
   }
-  for (const std::string name :
+  for (const std::string& name :
        {std::string(), std::string("."), std::string(".."), std::string("../x"), std::string("a/b"),
         std::string("/"), std::string("a\\b"), std::string("x\0y", 3), std::string("dir/")}) {
     EXPECT_FALSE(FileUtils::isPlainFileName(name)) << name;

@@ -1,5 +1,6 @@
 #include "DownloadTestSupport.h"
 #include "LogCapture.h"
+#include "TestFiles.h"
 
 #include "task/DownloadTask.h"
 
@@ -9,6 +10,7 @@
 #include <filesystem>
 
 using quill_test::DownloadFixture;
+using quill_test::entriesIn;
 using quill_test::LogCapture;
 using quill_test::readAll;
 using quill_test::RecordedRequest;
@@ -24,16 +26,6 @@ bool isTemporaryFor(const std::string& path, const std::string& directory,
   const auto base = FileUtils::fileName(path);
   return FileUtils::fileDir(path) == directory && base.rfind("." + name + ".", 0) == 0 &&
          base.size() > name.size() + 7 && base.compare(base.size() - 5, 5, ".part") == 0;
-}
-
-std::size_t entriesIn(const std::string& directory) {
-  std::error_code error;
-  std::size_t count = 0;
-  for (std::filesystem::directory_iterator it(directory, error), end; !error && it != end;
-       it.increment(error)) {
-    ++count;
-  }
-  return count;
 }
 
 }  // namespace

@@ -10,22 +10,13 @@
 #include <filesystem>
 
 using quill_test::CloudEnvironment;
+using quill_test::entriesIn;
 using quill_test::readFile;
 using quill_test::TempDir;
 using quill_test::Tracked;
 using quill_test::writePattern;
 
 namespace {
-
-std::size_t entriesIn(const std::string& directory) {
-  std::error_code error;
-  std::size_t count = 0;
-  for (std::filesystem::directory_iterator it(directory, error), end; !error && it != end;
-       it.increment(error)) {
-    ++count;
-  }
-  return count;
-}
 
 struct SafeDownload : ::testing::Test {
   TempDir user;
@@ -51,6 +42,28 @@ struct SafeDownload : ::testing::Test {
     return {local, path};
   }
 
+  // Downloads two different files, both named "same.bin", into two directories at once, the second
+  // through `second`; each directory must end up with its own bytes.
+  void expectOneNameTwiceAtOnce(CloudStorageService& second) {
+    // The rate keeps both on the wire together for a while.
+    const auto [firstLocal, firstPath] = serve(512 * 1024, 11);
+    const auto [secondLocal, secondPath] = serve(384 * 1024, 12);
+    TempDir otherDestination;
+    auto one = start(*service, CloudEnvironment::url(firstPath + "?quill_rate=1048576"),
+                     destination.path(), "same.bin");
+    auto two = start(second, CloudEnvironment::url(secondPath + "?quill_rate=1048576"),
+                     otherDestination.path(), "same.bin");
+    ASSERT_TRUE(one.waitEnded());
+    ASSERT_TRUE(two.waitEnded());
+    EXPECT_EQ(one.code(), 2) << one.cause().text;
+    EXPECT_EQ(two.code(), 2) << two.cause().text;
+    EXPECT_EQ(readFile(FileUtils::appendComponent(destination.path(), "same.bin")),
+              readFile(firstLocal));
+    EXPECT_EQ(readFile(FileUtils::appendComponent(otherDestination.path(), "same.bin")),
+              readFile(secondLocal));
+    EXPECT_EQ(entriesIn(cacheDirectory()), 0u);
+  }
+
   static Tracked start(CloudStorageService& through, const std::string& url,
                        const std::string& directory, const std::string& name) {
     Tracked tracked(false, 2);
@@ -65,44 +78,14 @@ struct SafeDownload : ::testing::Test {
 }  // namespace
 
 TEST_F(SafeDownload, DownloadsOfOneNameIntoTwoDirectoriesKeepTheirOwnBytes) {
-  // Both are on the wire at once (the rate keeps each going for a while), sharing one cache.
-  const auto [firstLocal, firstPath] = serve(512 * 1024, 11);
-  const auto [secondLocal, secondPath] = serve(384 * 1024, 12);
-  TempDir otherDestination;
-  auto first = start(*service, CloudEnvironment::url(firstPath + "?quill_rate=1048576"),
-                     destination.path(), "same.bin");
-  auto second = start(*service, CloudEnvironment::url(secondPath + "?quill_rate=1048576"),
-                      otherDestination.path(), "same.bin");
-  ASSERT_TRUE(first.waitEnded());
-  ASSERT_TRUE(second.waitEnded());
-  EXPECT_EQ(first.code(), 2) << first.message() << " " << first.cause().text;
-  EXPECT_EQ(second.code(), 2) << second.message() << " " << second.cause().text;
-  EXPECT_EQ(readFile(FileUtils::appendComponent(destination.path(), "same.bin")),
-            readFile(firstLocal));
-  EXPECT_EQ(readFile(FileUtils::appendComponent(otherDestination.path(), "same.bin")),
-            readFile(secondLocal));
-  EXPECT_EQ(entriesIn(cacheDirectory()), 0u);
+  expectOneNameTwiceAtOnce(*service);
 }
 
 TEST_F(SafeDownload, TwoServicesSharingAUserDirectoryKeepTheirOwnBytes) {
   // As two processes of one user would: two services, one cache directory, one file name.
-  auto other = std::make_unique<CloudStorageService>(true);
-  other->changeUser("app", "pin", user.path());
-  const auto [firstLocal, firstPath] = serve(512 * 1024, 21);
-  const auto [secondLocal, secondPath] = serve(448 * 1024, 22);
-  TempDir otherDestination;
-  auto first = start(*service, CloudEnvironment::url(firstPath + "?quill_rate=1048576"),
-                     destination.path(), "same.bin");
-  auto second = start(*other, CloudEnvironment::url(secondPath + "?quill_rate=1048576"),
-                      otherDestination.path(), "same.bin");
-  ASSERT_TRUE(first.waitEnded());
-  ASSERT_TRUE(second.waitEnded());
-  EXPECT_EQ(first.code(), 2) << first.cause().text;
-  EXPECT_EQ(second.code(), 2) << second.cause().text;
-  EXPECT_EQ(readFile(FileUtils::appendComponent(destination.path(), "same.bin")),
-            readFile(firstLocal));
-  EXPECT_EQ(readFile(FileUtils::appendComponent(otherDestination.path(), "same.bin")),
-            readFile(secondLocal));
+  CloudStorageService other(true);
+  other.changeUser("app", "pin", user.path());
+  expectOneNameTwiceAtOnce(other);
 }
 
 TEST_F(SafeDownload, AnExistingFileSurvivesFailedDownloadsAndIsReplacedByAWholeOne) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TestFiles.h"
+
 // Helpers of the stress and lifetime runs: sizes from the environment, and counts of the process's
 // threads, file descriptors and files below a directory.
 
@@ -20,16 +22,6 @@ inline int sizeFromEnvironment(const char* name, int fallback) {
   char* end = nullptr;
   const long parsed = std::strtol(value, &end, 10);
   return (end != nullptr && *end == '\0' && parsed > 0) ? static_cast<int>(parsed) : fallback;
-}
-
-inline std::size_t entriesIn(const std::string& directory) {
-  std::size_t count = 0;
-  std::error_code ec;
-  for (std::filesystem::directory_iterator it(directory, ec), end; !ec && it != end;
-       it.increment(ec)) {
-    ++count;
-  }
-  return count;
 }
 
 inline std::string firstLine(const std::string& path) {

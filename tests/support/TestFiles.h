@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -29,6 +30,17 @@ inline std::string writePattern(const std::string& path, std::size_t size, unsig
 inline std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// How many entries (files, directories, links) the directory holds; 0 when it cannot be read.
+inline std::size_t entriesIn(const std::string& directory) {
+  std::size_t count = 0;
+  std::error_code error;
+  for (std::filesystem::directory_iterator it(directory, error), end; !error && it != end;
+       it.increment(error)) {
+    ++count;
+  }
+  return count;
 }
 
 }  // namespace quill_test
