@@ -5,10 +5,18 @@
 #include <log4cplus/initializer.h>
 #include <log4cplus/layout.h>
 
+#ifndef _WIN32
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#endif
+
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 
 namespace {
@@ -57,6 +65,13 @@ log4cplus::Logger makeLogger() {
   }
 
   const char* file = std::getenv("QUILL_LOG_FILE");
+  std::string refused;
+  if (file != nullptr && *file != '\0' && !Logger::openLogFile(file, &refused)) {
+    // Never written through a symbolic link or into another user's file: the console instead.
+    std::fprintf(stderr, "quill: not logging to QUILL_LOG_FILE %s: %s; logging to the console\n",
+                 file, refused.c_str());
+    file = nullptr;
+  }
   if (file != nullptr && *file != '\0') {
     useAppender(logger, log4cplus::SharedAppenderPtr(
                             new log4cplus::FileAppender(file, std::ios_base::app, true, true)));
@@ -74,16 +89,63 @@ void Logger::logToConsole() {
   useAppender(m_logger, log4cplus::SharedAppenderPtr(new log4cplus::ConsoleAppender(true, true)));
 }
 
-bool Logger::logToFile(const std::string& path) {
-  // FileAppender reports an unopenable file only through log4cplus's own error handler: check
-  // first.
+bool Logger::openLogFile(const std::string& path, std::string* error) {
+  const auto fail = [&](const std::string& why) {
+    if (error != nullptr) {
+      *error = why;
+    }
+    return false;
+  };
+#ifdef _WIN32
   std::FILE* probe = std::fopen(path.c_str(), "a");
   if (probe == nullptr) {
-    return false;
+    return fail(std::strerror(errno));
   }
   std::fclose(probe);
+  return true;
+#else
+  // O_NOFOLLOW: a symbolic link planted at the log's path makes the open fail (ELOOP) instead of
+  // letting the log be written wherever the link points.
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    const int code = errno;
+    return fail(code == ELOOP ? "it is a symbolic link" : std::strerror(code));
+  }
+  struct stat info {};
+  const bool statted = ::fstat(fd, &info) == 0;
+  ::close(fd);
+  if (!statted) {
+    return fail(std::strerror(errno));
+  }
+  if (!S_ISREG(info.st_mode)) {
+    return fail("it is not a regular file");
+  }
+  if (info.st_uid != ::geteuid()) {
+    return fail("it belongs to another user");
+  }
+  return true;
+#endif
+}
+
+bool Logger::logToFile(const std::string& path, std::string* error) {
+  // FileAppender reports an unopenable file only through log4cplus's own error handler: check
+  // first, and make the file ourselves so that it is never reached through a link.
+  if (!openLogFile(path, error)) {
+    return false;
+  }
   useAppender(m_logger, log4cplus::SharedAppenderPtr(
                             new log4cplus::FileAppender(path, std::ios_base::app, true, true)));
+  return true;
+}
+
+bool Logger::logToRollingFile(const std::string& path, long maxBytes, int backups,
+                              std::string* error) {
+  if (!openLogFile(path, error)) {
+    return false;
+  }
+  // log4cplus raises a smaller size to its own minimum (200 KiB) and appends to what is there.
+  useAppender(m_logger, log4cplus::SharedAppenderPtr(
+                            new log4cplus::RollingFileAppender(path, maxBytes, backups, true)));
   return true;
 }
 

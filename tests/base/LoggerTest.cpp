@@ -5,6 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <fstream>
 
 using quill_test::LogCapture;
@@ -84,4 +87,55 @@ TEST(Logger, WritesToAFileWhenAsked) {
   EXPECT_NE(text.find("tests/base/LoggerTest:"), std::string::npos) << text;
   EXPECT_NE(text.find(" - to the file"), std::string::npos) << text;
   EXPECT_FALSE(Logger::logToFile(dir.file("no/such/dir/quill.log")));
+}
+
+TEST(Logger, FileIsMadePrivateAndItsOpenFailureExplained) {
+  quill_test::TempDir dir;
+  const auto path = dir.file("private.log");
+  std::string error;
+  ASSERT_TRUE(Logger::logToFile(path, &error)) << error;
+  Logger::logToConsole();
+  struct stat info {};
+  ASSERT_EQ(::lstat(path.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0600u);
+
+  EXPECT_FALSE(Logger::logToFile(dir.path(), &error));
+  EXPECT_FALSE(error.empty());
+}
+
+TEST(Logger, SymbolicLinkAtTheLogPathIsNotFollowed) {
+  quill_test::TempDir dir;
+  const auto target = dir.file("elsewhere.txt");
+  const auto link = dir.file("quill.log");
+  if (::symlink(target.c_str(), link.c_str()) != 0) {
+    GTEST_SKIP() << "cannot make a symbolic link here";
+  }
+  std::string error;
+  EXPECT_FALSE(Logger::logToRollingFile(link, 5 * 1024 * 1024, 3, &error));
+  EXPECT_NE(error.find("symbolic link"), std::string::npos) << error;
+  EXPECT_FALSE(Logger::logToFile(link, &error));
+  struct stat info {};
+  EXPECT_NE(::lstat(target.c_str(), &info), 0) << "the link was followed and its target made";
+}
+
+TEST(Logger, RollingFileRollsOverAndKeepsTheBackupsAsked) {
+  quill_test::TempDir dir;
+  const auto path = dir.file("rolling.log");
+  // log4cplus' smallest size for a rolling file is 200 KiB; about 1 MiB of lines fills two
+  // backups and rolls over several times.
+  constexpr long kMaxBytes = 200 * 1024;
+  std::string error;
+  ASSERT_TRUE(Logger::logToRollingFile(path, kMaxBytes, 2, &error)) << error;
+  const std::string filler(200, 'x');
+  for (int i = 0; i < 5000; ++i) {
+    QLOG_ERROR("line " << i << " " << filler);
+  }
+  Logger::logToConsole();
+  struct stat info {};
+  ASSERT_EQ(::stat(path.c_str(), &info), 0);
+  EXPECT_LE(info.st_size, kMaxBytes + 1024);
+  ASSERT_EQ(::stat((path + ".1").c_str(), &info), 0);
+  EXPECT_LE(info.st_size, kMaxBytes + 1024);
+  EXPECT_EQ(::stat((path + ".2").c_str(), &info), 0);
+  EXPECT_NE(::stat((path + ".3").c_str(), &info), 0);
 }

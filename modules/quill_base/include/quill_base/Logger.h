@@ -20,8 +20,18 @@ public:
 
   // Replaces the logger's output with the console (stderr).
   static void logToConsole();
-  // Replaces the logger's output with a file that is appended to; false when it cannot be opened.
-  static bool logToFile(const std::string& path);
+  // Replaces the logger's output with a file that is appended to; false (and `error`, when given,
+  // says why) when it cannot be opened. The file is made 0600 and opened without following a
+  // symbolic link; it must be a regular file of the calling user.
+  static bool logToFile(const std::string& path, std::string* error = nullptr);
+  // As logToFile, but once the file holds `maxBytes` (at least log4cplus' minimum, 200 KiB) it is
+  // renamed "<path>.1" (older ones shifted up to "<path>.<backups>", the oldest dropped) and a new
+  // one is started.
+  static bool logToRollingFile(const std::string& path, long maxBytes, int backups,
+                               std::string* error = nullptr);
+  // Makes `path` if missing (0600) without following a symbolic link, and checks that it is a
+  // regular file owned by the calling user. False, with the reason in `error`, otherwise.
+  static bool openLogFile(const std::string& path, std::string* error = nullptr);
   // Sets the threshold by name (as QUILL_LOG_LEVEL); false and no change for an unknown name.
   static bool setLevel(const std::string& levelName);
 
