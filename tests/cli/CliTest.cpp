@@ -1,83 +1,16 @@
 // quill-cloud run as a process: each kind of upload, downloads, avatars, the --json records, the
 // exit statuses and messages of failures, Ctrl-C during a slow transfer, and the demo to its end.
-#include "CloudEnvironment.h"
-#include "DemoFiles.h"
-#include "ToolProcess.h"
-
-#include <quill_base/FileUtils.h>
-
-#include <gtest/gtest.h>
-#include <json/json.h>
+#include "CliFixture.h"
 
 #include <signal.h>
 
-#include <filesystem>
-#include <sstream>
+#include <algorithm>
 
-using cli_test::runTool;
+using cli_test::CliTest;
 using cli_test::ToolProcess;
 using quill_test::CloudEnvironment;
-using quill_test::TempDir;
 
 namespace {
-
-struct CliTest : ::testing::Test {
-  TempDir user;
-  TempDir work;
-
-  // The options every run gets: an identity and a user directory of the test's own.
-  std::vector<std::string> withIdentity(std::vector<std::string> arguments) const {
-    arguments.insert(arguments.end(), {"--app-id", "cli-app", "--aid", "cli-aid", "--pin",
-                                       "cli-pin", "--user-dir", user.path()});
-    return arguments;
-  }
-
-  // Stores a file of `size` bytes on the server; returns the local original and the URL path.
-  std::pair<std::string, std::string> serve(const std::string& name, std::size_t size) {
-    const auto local = work.file("served-" + name);
-    EXPECT_TRUE(quill_cli::writePatternFile(local, size, 5));
-    const auto path = CloudEnvironment::server().addFile(TextUtils::UUID_String() + name, local);
-    EXPECT_FALSE(path.empty());
-    return {local, path};
-  }
-
-  static std::vector<std::string> lines(const std::string& text) {
-    std::vector<std::string> result;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-      if (!line.empty()) {
-        result.push_back(line);
-      }
-    }
-    return result;
-  }
-
-  static Json::Value parse(const std::string& line) {
-    Json::Value value;
-    Json::CharReaderBuilder builder;
-    std::string errors;
-    std::istringstream in(line);
-    EXPECT_TRUE(Json::parseFromStream(builder, in, &value, &errors)) << line << ": " << errors;
-    return value;
-  }
-
-  // The path part of an absolute URL ("https://host:port/files/x" -> "/files/x").
-  static std::string urlPath(const std::string& url) {
-    const auto host = url.find("//");
-    const auto path = url.find('/', host == std::string::npos ? 0 : host + 2);
-    return path == std::string::npos ? std::string() : url.substr(path);
-  }
-
-  static std::size_t entries(const std::string& directory) {
-    std::error_code error;
-    std::size_t count = 0;
-    for (auto it = std::filesystem::directory_iterator(directory, error);
-         !error && it != std::filesystem::directory_iterator(); it.increment(error)) {
-      ++count;
-    }
-    return count;
-  }
-};
 
 TEST_F(CliTest, UploadsEachKindAndPrintsTheStoredUrl) {
   const auto image = work.file("photo.jpg");
@@ -94,7 +27,7 @@ TEST_F(CliTest, UploadsEachKindAndPrintsTheStoredUrl) {
   } kinds[] = {
       {"--image", image, "/files/"}, {"--file", file, "/objects/"}, {"--video", video, "/vod/"}};
   for (const auto& kind : kinds) {
-    const auto outcome = runTool(withIdentity({"upload", kind.flag, kind.path}));
+    const auto outcome = run(withIdentity({"upload", kind.flag, kind.path}));
     ASSERT_EQ(outcome.status, 0) << kind.flag << "\n" << outcome.errors;
     const auto printed = lines(outcome.output);
     ASSERT_EQ(printed.size(), 1u) << outcome.output;
@@ -110,18 +43,22 @@ TEST_F(CliTest, DownloadsSeveralUrlsIntoADirectory) {
   const auto [firstLocal, firstPath] = serve("first.bin", 1024 * 1024 + 1);
   const auto [secondLocal, secondPath] = serve("second.bin", 20 * 1024);
   const auto destination = work.file("out/nested");
-  const auto outcome =
-      runTool(withIdentity({"download", CloudEnvironment::url(firstPath),
-                            CloudEnvironment::url(secondPath), "--dir", destination}));
+  const auto outcome = run(withIdentity({"download", CloudEnvironment::url(firstPath),
+                                         CloudEnvironment::url(secondPath), "--dir", destination}));
   ASSERT_EQ(outcome.status, 0) << outcome.errors;
-  const auto printed = lines(outcome.output);
+  // Each path is printed when its download ends, so in the order they end.
+  auto printed = lines(outcome.output);
   ASSERT_EQ(printed.size(), 2u) << outcome.output;
-  EXPECT_TRUE(FileUtils::sameContent(printed[0], firstLocal)) << printed[0];
-  EXPECT_TRUE(FileUtils::sameContent(printed[1], secondLocal)) << printed[1];
-  EXPECT_EQ(FileUtils::fileDir(printed[0]), destination);
+  std::sort(printed.begin(), printed.end());
+  const auto firstSaved = FileUtils::appendComponent(destination, FileUtils::fileName(firstPath));
+  const auto secondSaved = FileUtils::appendComponent(destination, FileUtils::fileName(secondPath));
+  EXPECT_EQ(printed, (std::vector<std::string>{std::min(firstSaved, secondSaved),
+                                               std::max(firstSaved, secondSaved)}));
+  EXPECT_TRUE(FileUtils::sameContent(firstSaved, firstLocal));
+  EXPECT_TRUE(FileUtils::sameContent(secondSaved, secondLocal));
 
-  const auto named = runTool(withIdentity({"download", CloudEnvironment::url(secondPath), "--dir",
-                                           destination, "--name", "renamed.dat"}));
+  const auto named = run(withIdentity({"download", CloudEnvironment::url(secondPath), "--dir",
+                                       destination, "--name", "renamed.dat"}));
   ASSERT_EQ(named.status, 0) << named.errors;
   EXPECT_TRUE(
       FileUtils::sameContent(FileUtils::appendComponent(destination, "renamed.dat"), secondLocal));
@@ -129,15 +66,16 @@ TEST_F(CliTest, DownloadsSeveralUrlsIntoADirectory) {
 
 TEST_F(CliTest, JsonGivesOneRecordPerRequest) {
   const auto [local, path] = serve("data.bin", 256 * 1024 + 5);
-  const auto outcome = runTool(
+  const auto outcome = run(
       withIdentity({"--json", "download", CloudEnvironment::url(path),
                     CloudEnvironment::url("/files/" + TextUtils::UUID_String() + "-missing.bin"),
                     "--dir", work.file("json")}));
   EXPECT_EQ(outcome.status, 1) << outcome.errors;
-  const auto records = lines(outcome.output);
+  ASSERT_EQ(lines(outcome.output).size(), 2u) << outcome.output;
+  auto records = recordsBySource(outcome.output);
   ASSERT_EQ(records.size(), 2u) << outcome.output;
 
-  const auto good = parse(records[0]);
+  auto good = records[CloudEnvironment::url(path)];
   EXPECT_EQ(good["operation"].asString(), "download");
   EXPECT_EQ(good["code"].asInt(), 2);
   EXPECT_TRUE(good["ok"].asBool());
@@ -146,7 +84,8 @@ TEST_F(CliTest, JsonGivesOneRecordPerRequest) {
   EXPECT_GE(good["seconds"].asDouble(), 0.0);
   EXPECT_TRUE(FileUtils::sameContent(good["path"].asString(), local));
 
-  const auto missing = parse(records[1]);
+  records.erase(CloudEnvironment::url(path));
+  const auto missing = records.begin()->second;
   EXPECT_EQ(missing["code"].asInt(), -2);
   EXPECT_FALSE(missing["ok"].asBool());
   EXPECT_FALSE(missing["message"].asString().empty());
@@ -155,7 +94,7 @@ TEST_F(CliTest, JsonGivesOneRecordPerRequest) {
 
   const auto image = work.file("up.jpg");
   ASSERT_TRUE(quill_cli::writeJpegPicture(image, 64, 64));
-  const auto upload = runTool(withIdentity({"upload", "--image", image, "--json"}));
+  const auto upload = run(withIdentity({"upload", "--image", image, "--json"}));
   ASSERT_EQ(upload.status, 0) << upload.errors;
   const auto uploaded = parse(lines(upload.output).at(0));
   EXPECT_EQ(uploaded["code"].asInt(), 2);
@@ -165,20 +104,19 @@ TEST_F(CliTest, JsonGivesOneRecordPerRequest) {
 }
 
 TEST_F(CliTest, FailuresGiveTheirExitStatusAndMessage) {
-  const auto notFound = runTool(withIdentity(
+  const auto notFound = run(withIdentity(
       {"download", CloudEnvironment::url("/files/nothing-here.bin"), "--dir", work.path()}));
   EXPECT_EQ(notFound.status, 1);
   EXPECT_NE(notFound.errors.find("result -2 (not found (404))"), std::string::npos)
       << notFound.errors;
   EXPECT_TRUE(notFound.output.empty()) << notFound.output;
 
-  const auto serverError = runTool(withIdentity(
+  const auto serverError = run(withIdentity(
       {"download", CloudEnvironment::url("/files/x.bin?quill_status=500"), "--dir", work.path()}));
   EXPECT_EQ(serverError.status, 1);
   EXPECT_NE(serverError.errors.find("result -100"), std::string::npos) << serverError.errors;
 
-  const auto missingFile =
-      runTool(withIdentity({"upload", "--file", work.file("does-not-exist.bin")}));
+  const auto missingFile = run(withIdentity({"upload", "--file", work.file("does-not-exist.bin")}));
   EXPECT_EQ(missingFile.status, 1);
   EXPECT_NE(missingFile.errors.find("upload " + work.file("does-not-exist.bin") + " failed"),
             std::string::npos)
@@ -187,15 +125,15 @@ TEST_F(CliTest, FailuresGiveTheirExitStatusAndMessage) {
   // Usage errors: no identity for an upload, an unknown option, no command, clashing flags.
   const auto file = work.file("some.bin");
   ASSERT_TRUE(quill_cli::writePatternFile(file, 10, 1));
-  const auto anonymous = runTool({"upload", file, "--user-dir", user.path()});
+  const auto anonymous = run({"upload", file, "--user-dir", user.path()});
   EXPECT_EQ(anonymous.status, 2);
   EXPECT_NE(anonymous.errors.find("QUILL_APP_ID"), std::string::npos) << anonymous.errors;
-  EXPECT_EQ(runTool({"download", "https://127.0.0.1/x", "--bogus"}).status, 2);
-  EXPECT_EQ(runTool({}).status, 2);
-  EXPECT_EQ(runTool(withIdentity({"upload", "--image", "--video", file})).status, 2);
-  EXPECT_EQ(
-      runTool({"download", "https://127.0.0.1/a", "https://127.0.0.1/b", "--name", "n"}).status, 2);
-  EXPECT_EQ(runTool({"--help"}).status, 0);
+  EXPECT_EQ(run({"download", "https://127.0.0.1/x", "--bogus"}).status, 2);
+  EXPECT_EQ(run({}).status, 2);
+  EXPECT_EQ(run(withIdentity({"upload", "--image", "--video", file})).status, 2);
+  EXPECT_EQ(run({"download", "https://127.0.0.1/a", "https://127.0.0.1/b", "--name", "n"}).status,
+            2);
+  EXPECT_EQ(run({"--help"}).status, 0);
 }
 
 TEST_F(CliTest, AvatarIsCachedScaledAndPrinted) {
@@ -205,7 +143,7 @@ TEST_F(CliTest, AvatarIsCachedScaledAndPrinted) {
   const auto url = CloudEnvironment::staticUrl(path);
   const auto root = work.file("avatars");
 
-  const auto first = runTool(withIdentity({"avatar", url, "--root", root, "--user", "u1"}));
+  const auto first = run(withIdentity({"avatar", url, "--root", root, "--user", "u1"}));
   ASSERT_EQ(first.status, 0) << first.errors;
   const auto printed = lines(first.output);
   ASSERT_EQ(printed.size(), 1u) << first.output;
@@ -218,8 +156,7 @@ TEST_F(CliTest, AvatarIsCachedScaledAndPrinted) {
 
   // The second time it comes from the cache, with the same path.
   const auto requests = CloudEnvironment::server().requestCount();
-  const auto again =
-      runTool(withIdentity({"avatar", url, "--root", root, "--user", "u1", "--json"}));
+  const auto again = run(withIdentity({"avatar", url, "--root", root, "--user", "u1", "--json"}));
   ASSERT_EQ(again.status, 0) << again.errors;
   const auto record = parse(lines(again.output).at(0));
   EXPECT_EQ(record["path"].asString(), printed[0]);
@@ -228,8 +165,8 @@ TEST_F(CliTest, AvatarIsCachedScaledAndPrinted) {
 
   // A failure is never announced by the avatar manager: the tool gives up after its timeout.
   const auto missing =
-      runTool(withIdentity({"avatar", CloudEnvironment::staticUrl("/files/no-face.jpg"), "--root",
-                            root, "--timeout", "1.5"}));
+      run(withIdentity({"avatar", CloudEnvironment::staticUrl("/files/no-face.jpg"), "--root", root,
+                        "--timeout", "1.5"}));
   EXPECT_EQ(missing.status, 1);
   EXPECT_NE(missing.errors.find("no avatar in time"), std::string::npos) << missing.errors;
 }
@@ -238,8 +175,9 @@ TEST_F(CliTest, InterruptCancelsAndLeavesNothingPartial) {
   const auto [local, path] = serve("slow.bin", 4 * 1024 * 1024);
   const auto destination = work.file("slow");
   // 64 KiB/s: about a minute for the whole file.
-  ToolProcess tool(withIdentity(
-      {"download", CloudEnvironment::url(path + "?quill_rate=65536"), "--dir", destination}));
+  ToolProcess tool(withIdentity({"download", CloudEnvironment::url(path + "?quill_rate=65536"),
+                                 "--dir", destination}),
+                   environment());
   ASSERT_TRUE(tool.started());
   // Without a terminal the tool prints plain progress lines; the first one says bytes are moving.
   ASSERT_TRUE(tool.waitForError("%")) << tool.errors();
@@ -252,7 +190,7 @@ TEST_F(CliTest, InterruptCancelsAndLeavesNothingPartial) {
 }
 
 TEST_F(CliTest, DemoRunsToItsEndAndVerifiesEverything) {
-  const auto outcome = runTool({"demo", "--user-dir", user.path()}, std::chrono::seconds(120));
+  const auto outcome = run({"demo", "--user-dir", user.path()}, std::chrono::seconds(120));
   EXPECT_EQ(outcome.status, 0) << outcome.output << outcome.errors;
   const std::string expected[] = {"upload image",
                                   "upload file",
@@ -271,8 +209,8 @@ TEST_F(CliTest, DemoRunsToItsEndAndVerifiesEverything) {
   EXPECT_EQ(outcome.output.find("NO:"), std::string::npos) << outcome.output;
   EXPECT_NE(outcome.errors.find("running together when the first ended: 4 of 6"), std::string::npos)
       << outcome.errors;
-  // The library's log went to the user directory, not to the terminal.
-  EXPECT_TRUE(FileUtils::fileExists(FileUtils::appendComponent(user.path(), "quill-cloud.log")));
+  // The library's log went to the state directory, not to the terminal.
+  EXPECT_TRUE(FileUtils::fileExists(logFile()));
   EXPECT_EQ(outcome.errors.find("modules/quill_cloud"), std::string::npos) << outcome.errors;
 }
 

@@ -3,12 +3,14 @@
 #include <quill_base/TextUtils.h>
 
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -36,7 +38,51 @@ int statusOf(int raw) {
 
 }  // namespace
 
-ToolProcess::ToolProcess(const std::vector<std::string>& arguments)
+std::vector<std::string> Environment::entries() const {
+  std::vector<std::string> result;
+  if (!clear) {
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+      const std::string text = *entry;
+      const auto name = text.substr(0, text.find('='));
+      bool dropped = std::find(unset.begin(), unset.end(), name) != unset.end();
+      for (const auto& [setName, value] : set) {
+        dropped = dropped || setName == name;
+      }
+      if (!dropped) {
+        result.push_back(text);
+      }
+    }
+  }
+  for (const auto& [name, value] : set) {
+    result.push_back(name + "=" + value);
+  }
+  return result;
+}
+
+std::vector<char*> programArguments(const std::vector<std::string>& arguments,
+                                    std::vector<std::string>& storage) {
+  storage = {QUILL_CLOUD_PROGRAM};
+  storage.insert(storage.end(), arguments.begin(), arguments.end());
+  std::vector<char*> pointers;
+  for (auto& argument : storage) {
+    pointers.push_back(argument.data());
+  }
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+std::vector<char*> environmentPointers(const Environment& environment,
+                                       std::vector<std::string>& storage) {
+  storage = environment.entries();
+  std::vector<char*> pointers;
+  for (auto& entry : storage) {
+    pointers.push_back(entry.data());
+  }
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+ToolProcess::ToolProcess(const std::vector<std::string>& arguments, const Environment& environment)
     : outputFile(
           (std::filesystem::temp_directory_path() / ("quill-cli-out-" + TextUtils::UUID_String()))
               .string()) {
@@ -44,13 +90,12 @@ ToolProcess::ToolProcess(const std::vector<std::string>& arguments)
   if (pipe2(pipeEnds, O_CLOEXEC) != 0) {
     return;
   }
-  std::vector<std::string> all{QUILL_CLOUD_PROGRAM};
-  all.insert(all.end(), arguments.begin(), arguments.end());
-  std::vector<char*> argv;
-  for (auto& argument : all) {
-    argv.push_back(argument.data());
-  }
-  argv.push_back(nullptr);
+  // Built before the fork: the child only calls what is safe between fork and exec.
+  std::vector<std::string> argumentStorage;
+  std::vector<std::string> environmentStorage;
+  const auto argv = programArguments(arguments, argumentStorage);
+  const auto envp = environmentPointers(environment, environmentStorage);
+  const long runAs = environment.runAs;
   pid = fork();
   if (pid == 0) {
     const int output = open(outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
@@ -64,7 +109,13 @@ ToolProcess::ToolProcess(const std::vector<std::string>& arguments)
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
     signal(SIGINT, SIG_DFL);
-    execv(argv[0], argv.data());
+    if (runAs >= 0) {
+      const auto id = static_cast<uid_t>(runAs);
+      if (setgroups(0, nullptr) != 0 || setgid(id) != 0 || setuid(id) != 0) {
+        _exit(126);
+      }
+    }
+    execve(argv[0], argv.data(), envp.data());
     _exit(127);
   }
   close(pipeEnds[1]);
@@ -136,8 +187,9 @@ int ToolProcess::finish(std::chrono::milliseconds timeout) {
   return status;
 }
 
-Outcome runTool(const std::vector<std::string>& arguments, std::chrono::milliseconds timeout) {
-  ToolProcess process(arguments);
+Outcome runTool(const std::vector<std::string>& arguments, std::chrono::milliseconds timeout,
+                const Environment& environment) {
+  ToolProcess process(arguments, environment);
   Outcome outcome;
   outcome.status = process.finish(timeout);
   outcome.output = process.output();

@@ -4,16 +4,31 @@
 
 #include <chrono>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace cli_test {
+
+// The environment the program gets: the test program's own, or nothing when `clear`, with these
+// variables removed and these set.
+struct Environment {
+  bool clear = false;
+  std::vector<std::string> unset;
+  std::vector<std::pair<std::string, std::string>> set;
+  // When not -1 (and the test runs as root), the program runs as this user and group id.
+  long runAs = -1;
+
+  // "NAME=value" entries for execve.
+  std::vector<std::string> entries() const;
+};
 
 // The quill-cloud program run as a child process: standard output goes to a file, standard error
 // comes back through a pipe so that a test can wait for a line to appear. Killed when destroyed
 // if still running.
 class ToolProcess {
 public:
-  explicit ToolProcess(const std::vector<std::string>& arguments);
+  explicit ToolProcess(const std::vector<std::string>& arguments,
+                       const Environment& environment = {});
   ~ToolProcess();
   ToolProcess(const ToolProcess&) = delete;
   ToolProcess& operator=(const ToolProcess&) = delete;
@@ -51,6 +66,14 @@ struct Outcome {
   std::string errors;
 };
 Outcome runTool(const std::vector<std::string>& arguments,
-                std::chrono::milliseconds timeout = std::chrono::seconds(60));
+                std::chrono::milliseconds timeout = std::chrono::seconds(60),
+                const Environment& environment = {});
+
+// argv for execv: the program, then `arguments`; the pointers point into `storage`.
+std::vector<char*> programArguments(const std::vector<std::string>& arguments,
+                                    std::vector<std::string>& storage);
+// envp for execve, pointing into `storage`.
+std::vector<char*> environmentPointers(const Environment& environment,
+                                       std::vector<std::string>& storage);
 
 }  // namespace cli_test

@@ -1,121 +1,144 @@
 #include "Commands.h"
 
 #include "AvatarListener.h"
+#include "PreChecks.h"
+#include "Results.h"
 
 #include <quill_base/FileUtils.h>
 #include <quill_base/SerialQueue.h>
 #include <quill_base/TextUtils.h>
 #include <quill_cloud/AvatarManager.h>
 
-#include <json/json.h>
-
 #include <cstdio>
-#include <map>
+#include <filesystem>
 #include <set>
 
 namespace quill_cli {
 namespace {
 
-std::string toJsonLine(const TransferState& state) {
-  Json::Value value(Json::objectValue);
-  value["operation"] = state.operation;
-  value["kind"] = state.kind;
-  value["source"] = state.source;
-  value["code"] = state.code;
-  value["ok"] = state.succeeded();
-  value["message"] =
-      state.message.empty() && !state.succeeded() ? describeCode(state.code) : state.message;
-  value["url"] = state.url;
-  value["path"] = state.path;
-  value["route"] = state.route;
-  value["bytes"] = static_cast<Json::Int64>(state.bytes);
-  value["seconds"] = state.seconds();
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  return Json::writeString(builder, value);
+int usage(const std::string& error) {
+  std::fprintf(stderr, "quill-cloud: %s\n", error.c_str());
+  return kExitUsage;
+}
+
+// When a run with --timeout gives up; never for 0.
+Clock::time_point deadlineAfter(double seconds) {
+  if (seconds <= 0) {
+    return Clock::time_point::max();
+  }
+  return Clock::now() +
+         std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+}
+
+std::string absolute(const std::string& path) {
+  std::error_code error;
+  const auto made = std::filesystem::absolute(path, error);
+  return error ? path : made.lexically_normal().string();
+}
+
+// Waits for the transfers, printing each result as it ends; the exit status.
+int follow(const CommonOptions& common, Session& session, const TransferList& transfers,
+           Clock::time_point deadline) {
+  Display display(Display::chooseMode(common.quiet || common.json));
+  Reporter reporter(common.json);
+  const bool completed = session.wait(
+      transfers, display,
+      [&reporter](const TransferState& state) { return reporter.announce(state); }, deadline);
+  return reporter.exitStatus(!completed);
 }
 
 }  // namespace
 
-int reportResults(const CommonOptions& common, const TransferList& transfers, bool interrupted) {
-  bool failed = false;
-  for (const auto& transfer : transfers) {
-    const auto state = transfer->snapshot();
-    failed = failed || !state.succeeded();
-    if (common.json) {
-      std::printf("%s\n", toJsonLine(state).c_str());
-      continue;
-    }
-    if (state.succeeded()) {
-      std::printf("%s\n", (state.operation == "upload" ? state.url : state.path).c_str());
-      continue;
-    }
-    std::fprintf(stderr, "quill-cloud: %s %s failed: result %d (%s)%s%s\n", state.operation.c_str(),
-                 state.source.c_str(), state.code, describeCode(state.code).c_str(),
-                 state.message.empty() ? "" : ": ", state.message.c_str());
-  }
-  std::fflush(stdout);
-  if (interrupted) {
-    std::fprintf(stderr, "quill-cloud: interrupted; every transfer was cancelled\n");
-    return kExitInterrupted;
-  }
-  return failed ? kExitFailed : kExitOk;
-}
-
 int runDownload(const CommonOptions& common, const DownloadOptions& options) {
-  if (!options.name.empty() && options.urls.size() != 1) {
-    std::fprintf(stderr, "quill-cloud: --name needs exactly one URL\n");
-    return kExitUsage;
+  std::string error;
+  if (options.nameGiven && options.urls.size() != 1) {
+    return usage("--name needs exactly one URL");
   }
+  if (options.timeoutSeconds < 0) {
+    return usage("--timeout cannot be negative");
+  }
+  for (const auto& url : options.urls) {
+    if (!checkUrl(url, error)) {
+      return usage(error);
+    }
+  }
+  if (!prepareDirectory(options.directory, error)) {
+    return usage(error);
+  }
+  const auto directory = absolute(options.directory);
   std::vector<std::string> names;
   std::set<std::string> seen;
   for (const auto& url : options.urls) {
-    names.push_back(options.name.empty() ? nameFromUrl(url) : options.name);
+    names.push_back(options.nameGiven ? options.name : nameFromUrl(url));
+    if (!checkFileName(directory, names.back(), error)) {
+      return usage(error);
+    }
     if (!seen.insert(names.back()).second) {
-      std::fprintf(stderr, "quill-cloud: two downloads would both be saved as %s\n",
-                   names.back().c_str());
-      return kExitUsage;
+      return usage("two downloads would both be saved as " + names.back());
     }
   }
-  if (!FileUtils::makeDirectory(options.directory)) {
-    std::fprintf(stderr, "quill-cloud: cannot make the directory %s\n", options.directory.c_str());
+
+  Session session(common, false);
+  if (!session.ready()) {
     return kExitFailed;
   }
-
-  Session session(common);
-  Display display(Display::chooseMode(common.quiet || common.json));
   TransferList transfers;
   for (std::size_t i = 0; i < options.urls.size(); ++i) {
+    const auto destination = FileUtils::appendComponent(directory, names[i]);
+    if (options.noClobber && FileUtils::fileExists(destination)) {
+      TransferState refused =
+          downloadTransferState(options.urls[i], directory, names[i], options.image ? 1 : 2);
+      refused.cause = destination + " exists (--no-clobber); it was left as it is";
+      auto transfer = std::make_shared<Transfer>(refused);
+      transfer->end(-1, "");
+      transfers.push_back(transfer);
+      continue;
+    }
     transfers.push_back(
-        session.download(options.urls[i], options.directory, names[i], options.image ? 1 : 2));
+        session.download(options.urls[i], directory, names[i], options.image ? 1 : 2));
   }
-  const bool completed = session.wait(transfers, display);
-  return reportResults(common, transfers, !completed);
+  return follow(common, session, transfers, deadlineAfter(options.timeoutSeconds));
 }
 
 int runUpload(const CommonOptions& common, const UploadOptions& options) {
   if (!common.hasIdentity()) {
-    std::fprintf(stderr,
-                 "quill-cloud: uploads need an identity: --app-id, --aid and --pin (or "
-                 "QUILL_APP_ID, QUILL_AID and QUILL_PIN)\n");
-    return kExitUsage;
+    return usage(
+        "uploads need an identity: --app-id, --aid and --pin (or QUILL_APP_ID, QUILL_AID and "
+        "QUILL_PIN)");
   }
-  Session session(common);
-  Display display(Display::chooseMode(common.quiet || common.json));
+  if (options.timeoutSeconds < 0) {
+    return usage("--timeout cannot be negative");
+  }
+  for (const auto& file : options.files) {
+    if (file.empty()) {
+      return usage("a file name is empty");
+    }
+  }
+  Session session(common, true);
+  if (!session.ready()) {
+    return kExitFailed;
+  }
   TransferList transfers;
   for (const auto& file : options.files) {
     transfers.push_back(session.upload(file, options.kind));
   }
-  const bool completed = session.wait(transfers, display);
-  return reportResults(common, transfers, !completed);
+  return follow(common, session, transfers, deadlineAfter(options.timeoutSeconds));
 }
 
 int runAvatar(const CommonOptions& common, const AvatarOptions& options) {
   if (options.timeoutSeconds <= 0) {
-    std::fprintf(stderr, "quill-cloud: --timeout must be positive\n");
-    return kExitUsage;
+    return usage("--timeout must be positive");
   }
-  Session session(common);
+  std::string error;
+  for (const auto& url : options.urls) {
+    if (!checkUrl(url, error)) {
+      return usage(error);
+    }
+  }
+  Session session(common, false);
+  if (!session.ready()) {
+    return kExitFailed;
+  }
   const std::string root = options.root.empty()
                                ? FileUtils::appendComponent(session.userDirectory(), "avatars")
                                : options.root;
@@ -131,11 +154,9 @@ int runAvatar(const CommonOptions& common, const AvatarOptions& options) {
     return kExitFailed;
   }
 
-  Display display(Display::chooseMode(common.quiet || common.json));
   TransferList transfers;
   std::set<std::string> seen;
-  const auto timeout = std::chrono::duration_cast<Clock::duration>(
-      std::chrono::duration<double>(options.timeoutSeconds));
+  const auto deadline = deadlineAfter(options.timeoutSeconds);
   for (const auto& url : options.urls) {
     // The manager makes one download per URL and announces it once.
     if (!seen.insert(url).second) {
@@ -144,7 +165,7 @@ int runAvatar(const CommonOptions& common, const AvatarOptions& options) {
     const TransferState initial = avatarTransferState(url, manager->avatarPath(url));
     auto transfer = std::make_shared<Transfer>(initial);
     transfer->requestId = TextUtils::UUID_String();
-    transfer->deadline = Clock::now() + timeout;
+    transfer->deadline = deadline;
     listener.expect(transfer->requestId, transfer);
     transfers.push_back(transfer);
 
@@ -162,8 +183,7 @@ int runAvatar(const CommonOptions& common, const AvatarOptions& options) {
     }
   }
 
-  const bool completed = session.wait(transfers, display);
-  const int status = reportResults(common, transfers, !completed);
+  const int status = follow(common, session, transfers, Clock::time_point::max());
 
   // Nothing may call the listener once it is gone: drop the manager, then the service (no callback
   // starts after its destructor), then let the queue run whatever was already posted.

@@ -11,13 +11,21 @@ struct DownloadOptions {
   std::vector<std::string> urls;
   std::string directory = ".";
   std::string name;
+  // --name was given (an empty one is refused).
+  bool nameGiven = false;
   bool image = false;
+  // A destination that exists already makes that URL fail, untouched, instead of being replaced.
+  bool noClobber = false;
+  // Cancel whatever is still running after this many seconds; 0: no limit.
+  double timeoutSeconds = 0;
 };
 
 struct UploadOptions {
   std::vector<std::string> files;
   // 1 image, 2 file, 3 video
   int kind = 2;
+  // Cancel whatever is still running after this many seconds; 0: no limit.
+  double timeoutSeconds = 0;
 };
 
 struct AvatarOptions {
@@ -30,6 +38,8 @@ struct AvatarOptions {
 
 struct DemoOptions {
   bool keep = false;
+  // Cancel a step's transfers still running this many seconds after the demo started; 0: no limit.
+  double timeoutSeconds = 0;
 };
 
 // Each returns the tool's exit status.
@@ -37,10 +47,5 @@ int runDownload(const CommonOptions& common, const DownloadOptions& options);
 int runUpload(const CommonOptions& common, const UploadOptions& options);
 int runAvatar(const CommonOptions& common, const AvatarOptions& options);
 int runDemo(const CommonOptions& common, const DemoOptions& options);
-
-// Prints the results of a command: with --json one JSON object per transfer on standard output;
-// otherwise the URL (uploads) or path (downloads, avatars) of each success on standard output and
-// each failure's code and message on standard error. Returns the exit status they make.
-int reportResults(const CommonOptions& common, const TransferList& transfers, bool interrupted);
 
 }  // namespace quill_cli

@@ -51,7 +51,9 @@ private:
     return FileUtils::appendComponent(FileUtils::appendComponent(work, directory), name);
   }
   // Waits for a step's transfers; false when interrupted.
-  bool wait(const TransferList& transfers) { return session->wait(transfers, *display); }
+  bool wait(const TransferList& transfers) {
+    return session->wait(transfers, *display, nullptr, deadline);
+  }
   void step(const std::string& title) { display->note("\n== " + title); }
   Row& add(const std::shared_ptr<Transfer>& transfer, const std::string& operation);
   void check(Row& row, bool condition, const std::string& problem);
@@ -74,6 +76,7 @@ private:
   std::unique_ptr<Display> display;
   std::vector<Row> rows;
   std::string photo;
+  Clock::time_point deadline = Clock::time_point::max();
 };
 
 Row& Demo::add(const std::shared_ptr<Transfer>& transfer, const std::string& operation) {
@@ -341,6 +344,14 @@ int Demo::summary(bool interrupted) {
 }
 
 int Demo::run() {
+  if (options.timeoutSeconds < 0) {
+    std::fprintf(stderr, "quill-cloud: --timeout cannot be negative\n");
+    return kExitUsage;
+  }
+  if (options.timeoutSeconds > 0) {
+    deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                  std::chrono::duration<double>(options.timeoutSeconds));
+  }
   if (!FileUtils::makeDirectory(FileUtils::appendComponent(work, "source")) ||
       !FileUtils::makeDirectory(FileUtils::appendComponent(work, "downloads"))) {
     std::fprintf(stderr, "quill-cloud demo: cannot make %s\n", work.c_str());
@@ -359,7 +370,10 @@ int Demo::run() {
     identity.aid = "demo-account";
     identity.pin = "demo-pin";
   }
-  session = std::make_unique<Session>(identity);
+  session = std::make_unique<Session>(identity, true);
+  if (!session->ready()) {
+    return kExitFailed;
+  }
 
   photo = file("source", "photo.jpg");
   if (!writeJpegPicture(photo, 1280, 960)) {

@@ -5,17 +5,35 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
+#include <cstring>
 #include <sstream>
 
 namespace quill_cli {
 namespace {
 
-int terminalWidth() {
+// The service runs at most this many of each at once and keeps the rest waiting, oldest first
+// (CloudStorageService.h); avatars are downloads. This tells a queued transfer from one that is
+// connecting before its first byte.
+constexpr int kDownloadsAtOnce = 4;
+constexpr int kUploadsAtOnce = 2;
+
+winsize terminalSize() {
   winsize size{};
-  if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 20) {
-    return size.ws_col;
+  if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0) {
+    size = winsize{};
   }
-  return 80;
+  return size;
+}
+
+int terminalWidth() {
+  const auto size = terminalSize();
+  return size.ws_col > 20 ? size.ws_col : 80;
+}
+
+int terminalRows() {
+  const auto size = terminalSize();
+  return size.ws_row > 0 ? size.ws_row : 24;
 }
 
 std::string fit(const std::string& text, std::size_t width) {
@@ -28,10 +46,18 @@ std::string fit(const std::string& text, std::size_t width) {
   return text.substr(0, width - 3) + "...";
 }
 
+std::string clip(const std::string& text, int width) {
+  return text.substr(0, static_cast<std::size_t>(std::max(width - 1, 1)));
+}
+
 std::string formatPrintf(const char* format, double value) {
   char buffer[64];
   std::snprintf(buffer, sizeof buffer, format, value);
   return buffer;
+}
+
+bool isUpload(const TransferState& state) {
+  return state.operation == "upload";
 }
 
 }  // namespace
@@ -83,7 +109,7 @@ std::string describeCode(int code) {
     case 3:
       return "cancelled";
     case -1:
-      return "failed before the transfer";
+      return "local failure, before or after the transfer";
     case -2:
       return "not found (404)";
     case -3:
@@ -97,11 +123,17 @@ std::string describeCode(int code) {
   }
 }
 
+bool terminalUnderstandsEscapes(const char* term) {
+  return term != nullptr && *term != '\0' && std::strcmp(term, "dumb") != 0;
+}
+
 Display::Mode Display::chooseMode(bool quiet) {
   if (quiet) {
     return Mode::Silent;
   }
-  return isatty(STDERR_FILENO) != 0 ? Mode::Bars : Mode::Lines;
+  return isatty(STDERR_FILENO) != 0 && terminalUnderstandsEscapes(std::getenv("TERM"))
+             ? Mode::Bars
+             : Mode::Lines;
 }
 
 Display::Display(Mode mode) : displayMode(mode) {}
@@ -109,116 +141,199 @@ Display::Display(Mode mode) : displayMode(mode) {}
 void Display::follow(const TransferList& transfers) {
   group = transfers;
   drawnLines = 0;
+  announced.assign(group.size(), false);
   printedQuarter.assign(group.size(), -1);
-  printedEnd.assign(group.size(), false);
-  refresh();
 }
 
 void Display::note(const std::string& text) {
   if (displayMode == Mode::Silent) {
     return;
   }
-  // A note closes the group: its lines are not redrawn after it.
+  // A note closes the group: its block is not redrawn after it.
   group.clear();
   drawnLines = 0;
   std::fprintf(stderr, "%s\n", text.c_str());
   std::fflush(stderr);
 }
 
-void Display::refresh() {
-  if (displayMode == Mode::Silent || group.empty()) {
+void Display::refresh(const Announce& announce) {
+  if (group.empty()) {
     return;
   }
-  if (displayMode == Mode::Bars) {
-    ++spinner;
-    const int width = terminalWidth();
-    std::string out;
-    if (drawnLines > 0) {
-      out += "\x1b[" + std::to_string(drawnLines) + "A";
+  std::vector<TransferState> states;
+  states.reserve(group.size());
+  for (const auto& transfer : group) {
+    states.push_back(transfer->snapshot());
+  }
+  std::vector<std::size_t> newlyEnded;
+  for (std::size_t i = 0; i < states.size(); ++i) {
+    if (states[i].ended && !announced[i]) {
+      newlyEnded.push_back(i);
     }
-    for (const auto& transfer : group) {
-      out += "\r\x1b[2K" + barLine(transfer->snapshot(), width) + "\n";
+  }
+  const bool bars = displayMode == Mode::Bars;
+  const int width = bars ? terminalWidth() : 0;
+
+  // Back to the top of the block; it is erased only when lines are to be printed above it.
+  std::string out;
+  if (bars && drawnLines > 0) {
+    out += "\r\x1b[" + std::to_string(drawnLines) + "A";
+  }
+  if (!newlyEnded.empty()) {
+    if (bars) {
+      out += "\x1b[J";
+      drawnLines = 0;
     }
-    drawnLines = static_cast<int>(group.size());
     std::fputs(out.c_str(), stderr);
     std::fflush(stderr);
-    return;
+    out.clear();
+    for (const auto i : newlyEnded) {
+      announced[i] = true;
+      const bool printed = announce ? announce(states[i]) : false;
+      if (displayMode != Mode::Silent && !printed) {
+        const auto line = finishedLine(states[i]);
+        std::fprintf(stderr, "%s\n", (bars ? clip(line, width) : line).c_str());
+      }
+    }
+    std::fflush(stdout);
   }
-  for (std::size_t i = 0; i < group.size(); ++i) {
-    const auto state = group[i]->snapshot();
-    if (state.ended) {
-      if (!printedEnd[i]) {
-        printedEnd[i] = true;
+
+  if (bars) {
+    ++spinner;
+    std::vector<TransferState> live;
+    for (const auto& state : states) {
+      if (!state.ended) {
+        live.push_back(state);
+      }
+    }
+    // The block leaves the terminal's last row for the cursor, so that moving back up over it never
+    // runs into the top of the screen.
+    const int rows = std::max(terminalRows() - 1, 1);
+    const auto lines = blockLines(live, rows, width);
+    for (const auto& line : lines) {
+      out += "\x1b[2K" + line + "\n";
+    }
+    // Whatever the previous, taller block left below.
+    out += "\x1b[J";
+    drawnLines = static_cast<int>(lines.size());
+    std::fputs(out.c_str(), stderr);
+  } else if (displayMode == Mode::Lines) {
+    for (std::size_t i = 0; i < states.size(); ++i) {
+      const auto& state = states[i];
+      if (state.ended) {
+        continue;
+      }
+      const int quarter = state.percent < 0 ? -1 : state.percent / 25;
+      if (quarter > printedQuarter[i]) {
+        printedQuarter[i] = quarter;
         std::fprintf(stderr, "%s\n", plainLine(state).c_str());
       }
-      continue;
-    }
-    const int quarter = state.percent < 0 ? -1 : state.percent / 25;
-    if (quarter > printedQuarter[i]) {
-      printedQuarter[i] = quarter;
-      std::fprintf(stderr, "%s\n", plainLine(state).c_str());
     }
   }
   std::fflush(stderr);
 }
 
+std::vector<std::string> Display::blockLines(const std::vector<TransferState>& live, int rows,
+                                             int width) const {
+  // Running transfers first, then the waiting ones in the order they were handed over (the order
+  // the library starts them in).
+  std::vector<const TransferState*> ordered;
+  int runningDownloads = 0;
+  int runningUploads = 0;
+  for (const auto& state : live) {
+    if (state.started) {
+      ordered.push_back(&state);
+      (isUpload(state) ? runningUploads : runningDownloads) += 1;
+    }
+  }
+  std::vector<std::string> waiting;
+  int freeDownloads = std::max(kDownloadsAtOnce - runningDownloads, 0);
+  int freeUploads = std::max(kUploadsAtOnce - runningUploads, 0);
+  for (const auto& state : live) {
+    if (state.started) {
+      continue;
+    }
+    int& free = isUpload(state) ? freeUploads : freeDownloads;
+    ordered.push_back(&state);
+    waiting.push_back(free > 0 ? "starting" : "queued");
+    free = std::max(free - 1, 0);
+  }
+
+  std::vector<std::string> lines;
+  const auto total = static_cast<int>(ordered.size());
+  const int shown = total <= rows ? total : rows - 1;
+  const auto firstWaiting = static_cast<int>(ordered.size() - waiting.size());
+  for (int i = 0; i < shown; ++i) {
+    const auto* state = ordered[static_cast<std::size_t>(i)];
+    const std::string how =
+        i < firstWaiting ? std::string() : waiting[static_cast<std::size_t>(i - firstWaiting)];
+    lines.push_back(barLine(*state, how, width));
+  }
+  if (shown < total) {
+    int queued = 0;
+    for (int i = std::max(shown, firstWaiting); i < total; ++i) {
+      queued += waiting[static_cast<std::size_t>(i - firstWaiting)] == "queued" ? 1 : 0;
+    }
+    const int more = total - shown;
+    lines.push_back(
+        clip("+" + std::to_string(more) + " more (" + std::to_string(queued) + " queued)", width));
+  }
+  return lines;
+}
+
+std::string Display::finishedLine(const TransferState& state) const {
+  std::ostringstream line;
+  line << state.operation << " " << state.kind << " " << state.label << ": ";
+  if (state.succeeded()) {
+    line << "done, " << formatBytes(state.bytes) << " in " << formatSeconds(state.seconds()) << " ("
+         << formatRate(state.bytes, state.seconds()) << ")";
+  } else {
+    line << "result " << state.code << " (" << describeCode(state.code) << ")";
+    const auto reason = state.cause.empty() ? state.message : state.cause;
+    if (!reason.empty()) {
+      line << ": " << reason;
+    }
+  }
+  return line.str();
+}
+
 std::string Display::plainLine(const TransferState& state) const {
   std::ostringstream line;
   line << state.operation << " " << state.kind << " " << state.label << ": ";
-  if (state.ended) {
-    if (state.succeeded()) {
-      line << "done, " << formatBytes(state.bytes) << " in " << formatSeconds(state.seconds())
-           << " (" << formatRate(state.bytes, state.seconds()) << ")";
-    } else {
-      line << "result " << state.code << ", " << describeCode(state.code);
-      if (!state.message.empty()) {
-        line << ": " << state.message;
-      }
-    }
+  if (!state.started) {
+    line << "waiting";
     return line.str();
   }
-  line << state.percent << "%";
-  // A download's byte count trails its percentage (the body reaches the disk in chunks).
+  line << std::max(state.percent, 0) << "%";
   if (state.bytes > 0) {
     line << ", " << formatBytes(state.bytes) << ", " << formatRate(state.bytes, state.seconds());
   }
   return line.str();
 }
 
-std::string Display::barLine(const TransferState& state, int width) const {
+std::string Display::barLine(const TransferState& state, const std::string& waiting,
+                             int width) const {
   // "<operation kind> <label> [#####-----] 45% 1.20 MiB 2.50 MiB/s 0.50 s left"
   constexpr int kHead = 16;
   constexpr int kTail = 44;
   const int labelWidth = std::clamp(width - kHead - kTail - 14, 8, 32);
   std::string line = fit(state.operation + " " + state.kind, kHead - 1) + " " +
                      fit(state.label, static_cast<std::size_t>(labelWidth)) + " ";
-  const double seconds = state.seconds();
-
-  if (state.ended) {
-    if (state.succeeded()) {
-      line += "done  " + formatBytes(state.bytes) + " in " + formatSeconds(seconds) + "  " +
-              formatRate(state.bytes, seconds);
-    } else {
-      line += "result " + std::to_string(state.code) + " (" + describeCode(state.code) + ")";
-      if (!state.message.empty()) {
-        line += ": " + state.message;
-      }
-    }
-    return line.substr(0, static_cast<std::size_t>(width - 1));
+  if (!state.started) {
+    // Not moving yet: waiting in the library's queue, or connecting.
+    static const char kSpin[] = "|/-\\";
+    line += waiting == "queued" ? std::string("queued")
+                                : waiting + " " + std::string(1, kSpin[spinner % 4]);
+    return clip(line, width);
   }
 
+  const double seconds = state.seconds();
   const int percent = std::max(state.percent, 0);
   const int barWidth = std::clamp(width - static_cast<int>(line.size()) - kTail, 10, 40);
   const int filled = barWidth * percent / 100;
   line += "[" + std::string(static_cast<std::size_t>(filled), '#') +
           std::string(static_cast<std::size_t>(barWidth - filled), '-') + "] ";
-  if (state.percent < 0) {
-    static const char kSpin[] = "|/-\\";
-    line += std::string("  ") + kSpin[spinner % 4] + "  ";
-  } else {
-    line += formatPrintf("%3.0f%%", percent) + " ";
-  }
-  // A download's byte count trails its percentage (the body reaches the disk in chunks).
+  line += formatPrintf("%3.0f%%", percent) + " ";
   const bool knownBytes = state.bytes > 0;
   line += fit(knownBytes ? formatBytes(state.bytes) : "", 10) + " " +
           fit(knownBytes ? formatRate(state.bytes, seconds) : "", 12);
@@ -226,7 +341,7 @@ std::string Display::barLine(const TransferState& state, int width) const {
     const double left = seconds * (100.0 - percent) / percent;
     line += " " + formatSeconds(left) + " left";
   }
-  return line.substr(0, static_cast<std::size_t>(width - 1));
+  return clip(line, width);
 }
 
 }  // namespace quill_cli

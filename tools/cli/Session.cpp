@@ -1,5 +1,7 @@
 #include "Session.h"
 
+#include "UserDirs.h"
+
 #include <quill_base/FileUtils.h>
 #include <quill_base/Logger.h>
 #include <quill_base/TextUtils.h>
@@ -9,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
@@ -44,16 +47,6 @@ bool blockStopSignals() {
          sigaction(SIGPIPE, &ignore, nullptr) == 0;
 }
 
-std::string defaultUserDirectory() {
-  if (const char* data = std::getenv("XDG_DATA_HOME"); data != nullptr && *data != '\0') {
-    return FileUtils::appendComponent(data, "quill-cloud");
-  }
-  if (const char* home = std::getenv("HOME"); home != nullptr && *home != '\0') {
-    return FileUtils::appendComponent(home, ".local/share/quill-cloud");
-  }
-  return "/tmp/quill-cloud-" + std::to_string(getuid());
-}
-
 std::string kindName(int kind) {
   switch (kind) {
     case 1:
@@ -87,6 +80,19 @@ std::string hostOfUrl(const std::string& url) {
   return url.substr(start, end == std::string::npos ? std::string::npos : end - start);
 }
 
+TransferState downloadTransferState(const std::string& url, const std::string& directory,
+                                    const std::string& name, int kind) {
+  TransferState initial;
+  initial.operation = "download";
+  initial.kind = kindName(kind);
+  initial.label = name;
+  initial.source = url;
+  initial.url = url;
+  initial.path = FileUtils::appendComponent(absolutePath(directory), name);
+  initial.route = "GET " + hostOfUrl(url);
+  return initial;
+}
+
 TransferState avatarTransferState(const std::string& url, const std::string& path) {
   TransferState initial;
   initial.operation = "avatar";
@@ -118,23 +124,30 @@ std::string nameFromUrl(const std::string& url) {
   return name;
 }
 
-Session::Session(const CommonOptions& options) : userDir(absolutePath(options.userDirectory)) {
-  FileUtils::makeDirectory(userDir);
+Session::Session(const CommonOptions& options, bool uploads)
+    : userDir(absolutePath(options.userDirectory)) {
+  std::string error;
+  if (!makePrivateDirectories(userDir, error)) {
+    std::fprintf(stderr, "quill-cloud: cannot make the user directory: %s\n", error.c_str());
+    return;
+  }
   if (options.verbose) {
     Logger::logToConsole();
   } else if (const char* file = std::getenv("QUILL_LOG_FILE"); file != nullptr && *file != '\0') {
     logPath = file;
   } else {
-    logPath = FileUtils::appendComponent(userDir, "quill-cloud.log");
-    if (!Logger::logToFile(logPath)) {
-      std::fprintf(stderr, "quill-cloud: cannot write the log to %s; logging is off\n",
-                   logPath.c_str());
+    logPath = options.logFile;
+    const bool opened = makePrivateDirectories(FileUtils::fileDir(logPath), error) &&
+                        Logger::logToRollingFile(logPath, kLogFileBytes, kLogBackups, &error);
+    if (!opened) {
+      std::fprintf(stderr, "quill-cloud: not writing the log to %s: %s; logging is off\n",
+                   logPath.c_str(), error.c_str());
       Logger::setLevel("OFF");
       logPath.clear();
     }
   }
 
-  cloud = std::make_shared<CloudStorageService>(true);
+  cloud = std::make_shared<CloudStorageService>(uploads);
   cloud->changeUser(options.appId, options.pin, userDir);
   if (!options.aid.empty()) {
     cloud->changeAid(options.aid);
@@ -145,14 +158,7 @@ Session::~Session() = default;
 
 std::shared_ptr<Transfer> Session::download(const std::string& url, const std::string& directory,
                                             const std::string& name, int kind, EndHook onEnd) {
-  TransferState initial;
-  initial.operation = "download";
-  initial.kind = kindName(kind);
-  initial.label = name;
-  initial.source = url;
-  initial.url = url;
-  initial.path = FileUtils::appendComponent(absolutePath(directory), name);
-  initial.route = "GET " + hostOfUrl(url);
+  const TransferState initial = downloadTransferState(url, directory, name, kind);
   auto transfer = std::make_shared<Transfer>(initial);
 
   auto request = std::make_shared<CloudStorageRequest>(false);
@@ -163,19 +169,14 @@ std::shared_ptr<Transfer> Session::download(const std::string& url, const std::s
   request->fileName = name;
   transfer->request = request;
   transfer->requestId = request->requestId;
-  // The library lets a download grow in the user's cache directory and moves it into place at the
-  // end; watching that file gives the byte count, which the percentages alone cannot.
-  transfer->growingFile =
-      FileUtils::appendComponent(FileUtils::appendComponent(userDir, "cloud_storage_caches"), name);
 
   // The request must not own its transfer (the transfer holds the request).
   const std::weak_ptr<Transfer> weak = transfer;
   const std::string finalPath = initial.path;
   const std::string sourceHost = hostOfUrl(url);
-  request->progressCallback = [weak](std::shared_ptr<CloudStorageRequest>, int percent) {
-    if (auto self = weak.lock()) {
-      self->update(
-          [percent](TransferState& state) { state.percent = std::max(state.percent, percent); });
+  request->progressCallback = [weak](std::shared_ptr<CloudStorageRequest> moving, int percent) {
+    if (auto self = weak.lock(); self && moving) {
+      self->progress(percent, moving->bytesDone, moving->bytesTotal);
     }
   };
   request->stateCallback = [weak, finalPath, sourceHost, onEnd](
@@ -188,11 +189,17 @@ std::shared_ptr<Transfer> Session::download(const std::string& url, const std::s
       onEnd(*ended);
     }
     const bool ok = ended->resultCode == 2;
-    const auto bytes = ok ? static_cast<std::int64_t>(FileUtils::fileSize(finalPath)) : 0;
+    // The library gives a finished download's size in bytesDone; the file itself says it too.
+    const auto bytes = !ok ? 0
+                       : ended->bytesDone > 0
+                           ? ended->bytesDone
+                           : static_cast<std::int64_t>(FileUtils::fileSize(finalPath));
     const std::string finalUrl = ended->url;
+    const std::string cause = ended->endCause.text;
     self->update([&](TransferState& state) {
       state.url = finalUrl;
       state.bytes = bytes;
+      state.cause = cause;
       if (ok) {
         state.percent = 100;
       }
@@ -229,12 +236,12 @@ std::shared_ptr<Transfer> Session::upload(const std::string& path, int kind) {
 
   const std::weak_ptr<Transfer> weak = transfer;
   const auto total = initial.totalBytes;
-  request->progressCallback = [weak, total](std::shared_ptr<CloudStorageRequest>, int percent) {
-    if (auto self = weak.lock()) {
-      self->update([percent, total](TransferState& state) {
-        state.percent = std::max(state.percent, percent);
-        state.bytes = total * state.percent / 100;
-      });
+  request->progressCallback = [weak, total](std::shared_ptr<CloudStorageRequest> moving,
+                                            int percent) {
+    if (auto self = weak.lock(); self && moving) {
+      // Before the library reports bytes, the percentage of the file's size stands in for them.
+      const auto done = moving->bytesDone > 0 ? moving->bytesDone : total * percent / 100;
+      self->progress(percent, done, moving->bytesTotal > 0 ? moving->bytesTotal : total);
     }
   };
   request->stateCallback = [weak](std::shared_ptr<CloudStorageRequest> ended, int) {
@@ -245,8 +252,10 @@ std::shared_ptr<Transfer> Session::upload(const std::string& path, int kind) {
     const bool ok = ended->resultCode == 2;
     const std::string url = ended->url;
     const auto size = ended->fileSize;
+    const std::string cause = ended->endCause.text;
     self->update([&](TransferState& state) {
       state.url = url;
+      state.cause = cause;
       if (ok) {
         state.percent = 100;
         state.bytes = size;
@@ -262,7 +271,17 @@ std::shared_ptr<Transfer> Session::upload(const std::string& path, int kind) {
   return transfer;
 }
 
-void Session::cancelEverything(const TransferList& transfers) {
+void Session::cancelEverything(const TransferList& transfers, bool timedOut) {
+  // Marked before the cancel is sent: the library may report the end at once, on its own queue.
+  if (timedOut) {
+    for (const auto& transfer : transfers) {
+      transfer->update([](TransferState& state) {
+        if (!state.ended) {
+          state.timedOut = true;
+        }
+      });
+    }
+  }
   cloud->cancelAllReqest();
   for (const auto& transfer : transfers) {
     // Avatar downloads end through the avatar manager's listener, which hears of successes only: a
@@ -273,12 +292,15 @@ void Session::cancelEverything(const TransferList& transfers) {
   }
 }
 
-bool Session::wait(const TransferList& transfers, Display& display) {
+bool Session::wait(const TransferList& transfers, Display& display,
+                   const Display::Announce& announce, Clock::time_point deadline) {
   display.follow(transfers);
   const sigset_t signals = stopSignals();
   auto giveUp = Clock::time_point::max();
   bool cancelled = false;
+  bool interrupted = false;
 
+  // Bounded: once everything is cancelled, the loop ends at the latest at giveUp.
   for (;;) {
     const auto now = Clock::now();
     bool allEnded = true;
@@ -291,17 +313,9 @@ bool Session::wait(const TransferList& transfers, Display& display) {
         transfer->end(-1, "no avatar in time: the download or the scaling failed");
         continue;
       }
-      if (!transfer->growingFile.empty() && FileUtils::fileExists(transfer->growingFile)) {
-        const auto size = static_cast<std::int64_t>(FileUtils::fileSize(transfer->growingFile));
-        transfer->update([size](TransferState& state) {
-          if (!state.ended) {
-            state.bytes = std::max(state.bytes, size);
-          }
-        });
-      }
-      allEnded = allEnded && transfer->ended();
+      allEnded = false;
     }
-    display.refresh();
+    display.refresh(announce);
     if (allEnded) {
       break;
     }
@@ -311,17 +325,25 @@ bool Session::wait(const TransferList& transfers, Display& display) {
       }
       continue;
     }
+    if (now >= deadline && !cancelled) {
+      cancelled = true;
+      giveUp = now + kCancelGrace;
+      cancelEverything(transfers, true);
+    }
 
     const timespec tick{0, kTickNanoseconds};
     const int signal = sigtimedwait(&signals, nullptr, &tick);
-    if ((signal == SIGINT || signal == SIGTERM) && !cancelled) {
-      cancelled = true;
+    if ((signal == SIGINT || signal == SIGTERM) && !interrupted) {
+      interrupted = true;
       wasInterrupted = true;
-      giveUp = Clock::now() + kCancelGrace;
-      cancelEverything(transfers);
+      if (!cancelled) {
+        cancelled = true;
+        giveUp = Clock::now() + kCancelGrace;
+        cancelEverything(transfers, false);
+      }
     }
   }
-  return !cancelled;
+  return !interrupted;
 }
 
 }  // namespace quill_cli

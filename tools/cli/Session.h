@@ -23,7 +23,10 @@ struct CommonOptions {
   std::string appId;
   std::string aid;
   std::string pin;
+  // The library's user directory (its cache): --user-dir, else the XDG cache directory.
   std::string userDirectory;
+  // The library's log, a rolling file (see UserDirs.h); unused with --verbose or QUILL_LOG_FILE.
+  std::string logFile;
   bool json = false;
   bool verbose = false;
   bool quiet = false;
@@ -31,8 +34,9 @@ struct CommonOptions {
   bool hasIdentity() const { return !appId.empty() && !aid.empty() && !pin.empty(); }
 };
 
-// $XDG_DATA_HOME/quill-cloud, else ~/.local/share/quill-cloud, else /tmp/quill-cloud-<uid>.
-std::string defaultUserDirectory();
+// The log rolls over at this size, keeping this many older files (quill-cloud.log.1 ...).
+constexpr long kLogFileBytes = 5L * 1024 * 1024;
+constexpr int kLogBackups = 3;
 
 // SIGINT and SIGTERM are blocked in every thread (threads started later inherit the mask) and only
 // ever taken by Session::wait, so a Ctrl-C is handled on the main thread, between two redraws.
@@ -43,15 +47,19 @@ bool blockStopSignals();
 // transfers handed to it.
 class Session {
 public:
-  // Makes the user directory, sends the library's log to "<user>/quill-cloud.log" (or to the
-  // console with verbose, or wherever QUILL_LOG_FILE says), then makes the service.
-  explicit Session(const CommonOptions& options);
+  // Makes the user directory (0700), sends the library's log to the rolling log file (or to the
+  // console with verbose, or wherever QUILL_LOG_FILE says), then makes the service. `uploads`:
+  // the run uploads, so the service holds uploads until the identity is complete; a run without
+  // uploads must not ask for that (the library would hold an image download's retry too).
+  Session(const CommonOptions& options, bool uploads);
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
   const std::shared_ptr<CloudStorageService>& service() const { return cloud; }
   const std::string& userDirectory() const { return userDir; }
+  // False when the user directory could not be made (the reason was printed).
+  bool ready() const { return cloud != nullptr; }
   std::string logFile() const { return logPath; }
 
   // Called on the service's queue when a request has ended, before its transfer is marked ended.
@@ -63,9 +71,13 @@ public:
   // Hands an upload to the library; kind 1 image, 2 file, 3 video.
   std::shared_ptr<Transfer> upload(const std::string& path, int kind);
 
-  // Waits until every transfer has ended, drawing progress. On SIGINT or SIGTERM cancels everything
-  // (cancelAllReqest) and goes on waiting until every request has ended. True unless interrupted.
-  bool wait(const TransferList& transfers, Display& display);
+  // Waits until every transfer has ended, drawing progress and telling `announce` of each end as it
+  // happens. On SIGINT or SIGTERM, or at `deadline` (the transfers still running are then marked
+  // timed out), cancels everything (cancelAllReqest) and goes on waiting until every request has
+  // ended. True unless interrupted by a signal.
+  bool wait(const TransferList& transfers, Display& display,
+            const Display::Announce& announce = nullptr,
+            Clock::time_point deadline = Clock::time_point::max());
 
   bool interrupted() const { return wasInterrupted; }
 
@@ -73,7 +85,7 @@ public:
   void shutdown() { cloud.reset(); }
 
 private:
-  void cancelEverything(const TransferList& transfers);
+  void cancelEverything(const TransferList& transfers, bool timedOut);
 
   std::string userDir;
   std::string logPath;
@@ -89,6 +101,9 @@ std::string uploadRoute(const std::string& url);
 std::string nameFromUrl(const std::string& url);
 // "host:port" of a URL.
 std::string hostOfUrl(const std::string& url);
+// The starting state of a download of `url` into `directory`/`name`.
+TransferState downloadTransferState(const std::string& url, const std::string& directory,
+                                    const std::string& name, int kind);
 // The starting state of an avatar fetched from `url` and cached at `path`.
 TransferState avatarTransferState(const std::string& url, const std::string& path);
 

@@ -2,6 +2,7 @@
 
 #include <quill_cloud/CloudStorageRequest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -29,15 +30,22 @@ struct TransferState {
 
   // Whole percent reported by the library; -1 until the first report.
   int percent = -1;
-  // Bytes moved so far (an estimate while running); the file's size once it has ended.
+  // Bytes moved so far, as the library reports them; the file's size once it has ended.
   std::int64_t bytes = 0;
-  // The whole size when known (uploads), else -1.
+  // The whole size when known, else -1.
   std::int64_t totalBytes = -1;
+  // Set at the first progress report: the transfer has left the library's queue and bytes move.
+  bool started = false;
+  Clock::time_point startedAt;
 
   bool ended = false;
   // The library's result code: 1 not ended, 2 success, 3 cancelled, negative failures.
   int code = 1;
   std::string message;
+  // Why it ended, in words (the library's end cause, or the tool's own reason); empty on success.
+  std::string cause;
+  // The tool's --timeout ran out and cancelled it.
+  bool timedOut = false;
   // Upload: the stored object's URL. Download: the URL it came from in the end.
   std::string url;
   // The local file: download destination, upload source, cached avatar.
@@ -46,9 +54,11 @@ struct TransferState {
   Clock::time_point submitted = Clock::now();
   Clock::time_point finished;
 
+  // Seconds since the transfer started moving bytes (time spent waiting in the library's queue is
+  // not counted); since it was handed over when it never reported progress.
   double seconds() const {
     const auto end = ended ? finished : Clock::now();
-    return std::chrono::duration<double>(end - submitted).count();
+    return std::chrono::duration<double>(end - (started ? startedAt : submitted)).count();
   }
   bool succeeded() const { return ended && code == 2; }
 };
@@ -81,6 +91,22 @@ public:
     state.finished = Clock::now();
     return true;
   }
+  // Records a progress report: bytes so far, the whole size when known, the percentage.
+  void progress(int percent, std::int64_t done, std::int64_t total) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (state.ended) {
+      return;
+    }
+    if (!state.started) {
+      state.started = true;
+      state.startedAt = Clock::now();
+    }
+    state.percent = std::max(state.percent, percent);
+    state.bytes = std::max(state.bytes, done);
+    if (total > 0) {
+      state.totalBytes = total;
+    }
+  }
   bool ended() const {
     std::lock_guard<std::mutex> lock(mutex);
     return state.ended;
@@ -91,8 +117,6 @@ public:
   std::shared_ptr<CloudStorageRequest> request;
   // The request id the library knows the transfer by (also for avatars), for cancelling it.
   std::string requestId;
-  // While a download runs its body grows in this file; its size is the byte count shown.
-  std::string growingFile;
   // Avatars only: when to give up waiting for the listener.
   Clock::time_point deadline = Clock::time_point::max();
 

@@ -2,6 +2,7 @@
 // classes as any host would use them, and the demo that runs the whole mission against a local
 // reference file service.
 #include "Commands.h"
+#include "UserDirs.h"
 
 #include <CLI/CLI.hpp>
 
@@ -21,9 +22,14 @@ const char* const kDescription =
     "Identity: --app-id, --aid, --pin or QUILL_APP_ID, QUILL_AID, QUILL_PIN (uploads need all\n"
     "three). Endpoints: QUILL_FILE_SERVICE_HOST, QUILL_STATIC_HOST, QUILL_IMAGE_CDN_HOST,\n"
     "QUILL_PRE_FILE_SERVICE_HOST (host or host:port), QUILL_CA_BUNDLE (trusted CAs, PEM).\n"
-    "The library's log goes to <user-dir>/quill-cloud.log (--verbose: standard error).\n"
+    "Files: the library's cache in $XDG_CACHE_HOME/quill-cloud (default ~/.cache/quill-cloud;\n"
+    "--user-dir replaces it); its log in $XDG_STATE_HOME/quill-cloud/quill-cloud.log (default\n"
+    "~/.local/state/quill-cloud), rolled over at 5 MiB, 3 older files kept; --verbose sends the\n"
+    "log to standard error. Relative XDG values are ignored; without HOME the home directory\n"
+    "comes from the password database. `quill-cloud paths` prints both.\n"
     "\n"
-    "Exit status: 0 all succeeded, 1 a transfer failed, 2 usage error, 130 interrupted.";
+    "Exit status: 0 all succeeded, 1 a transfer failed or timed out, 2 usage error, 130\n"
+    "interrupted.";
 
 }  // namespace
 
@@ -38,7 +44,6 @@ int main(int argc, char** argv) {
   common.appId = environment("QUILL_APP_ID");
   common.aid = environment("QUILL_AID");
   common.pin = environment("QUILL_PIN");
-  common.userDirectory = quill_cli::defaultUserDirectory();
 
   CLI::App app{kDescription, "quill-cloud"};
   app.require_subcommand(1);
@@ -48,26 +53,39 @@ int main(int argc, char** argv) {
   app.add_option("--aid", common.aid, "Account id (QUILL_AID)");
   app.add_option("--pin", common.pin, "User pin (QUILL_PIN)");
   app.add_option("--user-dir", common.userDirectory,
-                 "The user's directory: the library's cache, the log, default avatar root")
-      ->capture_default_str();
+                 "The library's user directory (its cache, the default avatar root); default "
+                 "$XDG_CACHE_HOME/quill-cloud, else ~/.cache/quill-cloud");
   app.add_flag("--json", common.json,
-               "One JSON object per request on standard output: operation, kind, source, code, "
-               "ok, message, url, path, route, bytes, seconds");
+               "One JSON object per request on standard output as it ends: operation, kind, "
+               "source, code, ok (boolean), message, cause, url, path (when that file exists), "
+               "route, bytes, seconds");
   app.add_flag("-v,--verbose", common.verbose, "Show the library's log on standard error");
   app.add_flag("-q,--quiet", common.quiet, "No progress display");
 
   quill_cli::DownloadOptions download;
-  auto* downloadCommand = app.add_subcommand("download", "Download URLs into a directory");
+  auto* downloadCommand = app.add_subcommand(
+      "download",
+      "Download http(s) URLs into a directory; a file already there under the same name is "
+      "replaced (see --no-clobber)");
   downloadCommand->add_option("url", download.urls, "URLs to download")->required();
   downloadCommand
       ->add_option("--dir", download.directory, "Destination directory (made if missing)")
       ->capture_default_str();
-  downloadCommand->add_option("--name", download.name,
-                              "File name to save as (one URL only); default: the URL's last "
-                              "path component");
+  auto* nameOption =
+      downloadCommand->add_option("--name", download.name,
+                                  "File name to save as (one URL only); default: the URL's last "
+                                  "path component");
   downloadCommand->add_flag("--image", download.image,
                             "Download as an image: a failure on the static host is retried once "
                             "on the image CDN host");
+  downloadCommand->add_flag("--no-clobber", download.noClobber,
+                            "Never replace an existing file: a URL whose destination exists fails "
+                            "(result -1) without being downloaded; the others go on");
+  downloadCommand
+      ->add_option("--timeout", download.timeoutSeconds,
+                   "Seconds after which whatever is still running is cancelled and "
+                   "reported as timed out (exit 1); 0: no limit")
+      ->capture_default_str();
 
   quill_cli::UploadOptions upload;
   bool asImage = false;
@@ -81,6 +99,11 @@ int main(int argc, char** argv) {
   auto* videoFlag = uploadCommand->add_flag("--video", asVideo, "Upload as a video");
   imageFlag->excludes(fileFlag)->excludes(videoFlag);
   fileFlag->excludes(videoFlag);
+  uploadCommand
+      ->add_option("--timeout", upload.timeoutSeconds,
+                   "Seconds after which whatever is still running is cancelled and "
+                   "reported as timed out (exit 1); 0: no limit")
+      ->capture_default_str();
 
   quill_cli::AvatarOptions avatar;
   auto* avatarCommand = app.add_subcommand(
@@ -101,6 +124,14 @@ int main(int argc, char** argv) {
       "Start the reference file service on 127.0.0.1 (HTTPS, fresh certificate) and run the "
       "whole mission against it");
   demoCommand->add_flag("--keep", demo.keep, "Keep the demo's working directory");
+  demoCommand
+      ->add_option("--timeout", demo.timeoutSeconds,
+                   "Seconds after which whatever is still running is cancelled (the demo then "
+                   "fails); 0: no limit")
+      ->capture_default_str();
+
+  auto* pathsCommand = app.add_subcommand(
+      "paths", "Print the user directory (the library's cache) and the log file, then exit");
 
   try {
     app.parse(argc, argv);
@@ -109,7 +140,23 @@ int main(int argc, char** argv) {
     return status == 0 ? quill_cli::kExitOk : quill_cli::kExitUsage;
   }
 
+  quill_cli::UserPaths paths;
+  std::string error;
+  if (!quill_cli::resolveUserPaths(common.userDirectory, paths, error)) {
+    std::fprintf(stderr, "quill-cloud: %s; set HOME, or XDG_CACHE_HOME and XDG_STATE_HOME\n",
+                 error.c_str());
+    return quill_cli::kExitUsage;
+  }
+  common.userDirectory = paths.cacheDirectory;
+  common.logFile = paths.logFile;
+
+  if (*pathsCommand) {
+    std::printf("user directory: %s\nlog file: %s\n", paths.cacheDirectory.c_str(),
+                paths.logFile.c_str());
+    return quill_cli::kExitOk;
+  }
   if (*downloadCommand) {
+    download.nameGiven = nameOption->count() > 0;
     return quill_cli::runDownload(common, download);
   }
   if (*uploadCommand) {
