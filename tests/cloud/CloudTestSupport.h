@@ -107,12 +107,12 @@ private:
 // progress percentage.
 struct RecordedRequest {
   struct Ended {
-    int state;
-    int code;
+    int state = 0;
+    int code = 0;
     std::string message;
     CloudStorageEndCause cause;
-    std::int64_t bytesDone;
-    std::int64_t bytesTotal;
+    std::int64_t bytesDone = 0;
+    std::int64_t bytesTotal = 0;
   };
 
   explicit RecordedRequest(bool isUpload, int kind,
@@ -145,7 +145,7 @@ struct RecordedRequest {
   int endCount() { return log->endings.value(); }
   Ended ended() {
     std::lock_guard<std::mutex> lock(log->mutex);
-    return log->ended.empty() ? Ended{0, 0, ""} : log->ended.front();
+    return log->ended.empty() ? Ended{} : log->ended.front();
   }
   std::vector<int> percents() {
     std::lock_guard<std::mutex> lock(log->mutex);
