@@ -1,10 +1,14 @@
 #include <quill_base/TextUtils.h>
 
 #include <openssl/evp.h>
-#include <openssl/rand.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <random>
+
+#if defined(__linux__)
+#include <sys/random.h>
+#endif
 
 namespace {
 
@@ -17,11 +21,26 @@ void appendHex(std::string& out, const unsigned char* bytes, std::size_t count) 
   }
 }
 
+// Straight from the operating system, not from OpenSSL's generator: OpenSSL keeps a generator per
+// thread, and the serial queue's threads (which name temporary files) may still be ending while
+// OpenSSL's exit handler frees that state, which then gets freed twice.
 void secureRandomBytes(unsigned char* bytes, std::size_t count) {
-  if (RAND_bytes(bytes, static_cast<int>(count)) == 1) {
+#if defined(__linux__)
+  std::size_t filled = 0;
+  while (filled < count) {
+    const ssize_t got = ::getrandom(bytes + filled, count - filled, 0);
+    if (got > 0) {
+      filled += static_cast<std::size_t>(got);
+    } else if (got < 0 && errno != EINTR) {
+      break;
+    }
+  }
+  if (filled == count) {
     return;
   }
-  // OpenSSL could not seed itself: fall back on the operating system's generator.
+#endif
+  // std::random_device reads the system's generator too (getrandom, /dev/urandom, or
+  // BCryptGenRandom on Windows).
   std::random_device device;
   for (std::size_t i = 0; i < count; ++i) {
     bytes[i] = static_cast<unsigned char>(device());
