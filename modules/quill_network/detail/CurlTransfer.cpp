@@ -68,8 +68,6 @@ bool CurlTransfer::setCommonOptions(CURLSH* share) {
       setOption(h, CURLOPT_MAXREDIRS, kMaxRedirects, e) &&
       setOption(h, CURLOPT_SSL_VERIFYPEER, 1L, e) && setOption(h, CURLOPT_SSL_VERIFYHOST, 2L, e) &&
       setOption(h, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds, e) &&
-      setOption(h, CURLOPT_LOW_SPEED_LIMIT, 1L, e) &&
-      setOption(h, CURLOPT_LOW_SPEED_TIME, settings.stallSeconds, e) &&
       setOption(h, CURLOPT_USERAGENT, userAgent(), e) && setOption(h, CURLOPT_SHARE, share, e) &&
       setOption(h, CURLOPT_HEADERFUNCTION, &CurlTransfer::onHeader, e) &&
       setOption(h, CURLOPT_HEADERDATA, static_cast<void*>(this), e) &&

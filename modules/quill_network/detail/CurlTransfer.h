@@ -59,7 +59,10 @@ private:
   bool setHeaders();
   long responseCode() const;
   std::string describeFailure(CURLcode result) const;
-  // True once `moved` (bytes sent and received) has not changed for the stall guard's time.
+  // True once `moved` (bytes sent and received) has not changed for the stall guard's time. This
+  // is the one stall detector (libcurl's low-speed limit is not set): libcurl calls the progress
+  // function about once a second even while nothing moves, so the guard also catches a server that
+  // never answers, and the failure always says the same thing ("the transfer stalled: ...").
   bool stalled(curl_off_t moved);
   void reportProgress(double done, double total);
   void reportFinalProgress();
