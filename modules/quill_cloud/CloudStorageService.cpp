@@ -6,15 +6,9 @@ CloudStorageService::CloudStorageService(bool waitForConfig)
     : logicPtr(std::make_shared<cloud::CloudStorageLogic>(waitForConfig)) {}
 
 CloudStorageService::~CloudStorageService() {
-  logicPtr->close();
-  const bool onOwnQueue = logicPtr->getQueue()->isCurrentQueue();
-  const auto lifetime = logicPtr->lifetime();
-  logicPtr.reset();
-  // A closure running on the queue may still hold the scheduler: wait until it lets go, so that
-  // nothing of the service runs once this returns. On the queue itself that closure is our caller.
-  if (!onOwnQueue) {
-    lifetime->waitDestroyed();
-  }
+  // Nothing of the service runs once this returns (unless it is called from one of its own
+  // callbacks, whose closure is then the last thing the scheduler runs).
+  cloud::CloudStorageLogic::shutDown(std::move(logicPtr));
 }
 
 bool CloudStorageService::excuteRequest(std::shared_ptr<CloudStorageRequest> request) {

@@ -72,12 +72,7 @@ public:
               return task;
             })) {}
 
-  ~FakeScheduler() {
-    logic->close();
-    auto lifetime = logic->lifetime();
-    logic.reset();
-    lifetime->waitDestroyed();
-  }
+  ~FakeScheduler() { cloud::CloudStorageLogic::shutDown(std::move(logic)); }
 
   SerialQueue& queue() { return *logic->getQueue(); }
 

@@ -108,10 +108,7 @@ inline std::shared_ptr<cloud::CloudStorageLogic> makeCountingScheduler(
 
 // Lets go of a scheduler the way ~CloudStorageService does.
 inline void releaseScheduler(std::shared_ptr<cloud::CloudStorageLogic>& logic) {
-  logic->close();
-  auto lifetime = logic->lifetime();
-  logic.reset();
-  lifetime->waitDestroyed();
+  cloud::CloudStorageLogic::shutDown(std::move(logic));
 }
 
 }  // namespace quill_test

@@ -108,6 +108,23 @@ void CloudStorageLogic::close() {
   callbackGate->close();
 }
 
+void CloudStorageLogic::shutDown(std::shared_ptr<CloudStorageLogic> logic) {
+  if (!logic) {
+    return;
+  }
+  logic->close();
+  const auto lifetime = logic->lifetimeSignal;
+  const std::shared_ptr<SerialQueue> target = logic->queue;
+  const bool onOwnQueue = target->isCurrentQueue();
+  // Closures posted by tasks hold their task, not the scheduler: were the scheduler released here,
+  // on the caller's thread, such a closure running now could read the configuration after it is
+  // gone. On the queue, the release waits for it.
+  target->dispatch([logic = std::move(logic)]() mutable { logic.reset(); });
+  if (!onOwnQueue) {
+    lifetime->waitDestroyed();
+  }
+}
+
 bool CloudStorageLogic::addRequest(std::shared_ptr<CloudStorageRequest> request) {
   if (!request) {
     return false;

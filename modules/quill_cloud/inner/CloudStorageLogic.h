@@ -66,9 +66,15 @@ public:
   void changeAid(const std::string& aid);
 
   // From now on no request callback starts and no task is started; waits for a callback that is
-  // running (unless called from it). Callable from any thread; the owner calls it before letting
-  // go.
+  // running (unless called from it). Callable from any thread.
   void close();
+
+  // How the owner lets go of a scheduler: close(), then the last reference is released by a closure
+  // on the scheduler's own queue, after whatever closure is running there. The configuration, the
+  // indexes and the tasks thus end on the queue, never beside a task's closure that still reads
+  // them through the task. Waits for the scheduler to be gone, unless called on its queue (it then
+  // goes once the calling closure has returned). Callable from any thread.
+  static void shutDown(std::shared_ptr<CloudStorageLogic> logic);
 
   const std::shared_ptr<SerialQueue>& getQueue() const { return queue; }
   std::shared_ptr<Lifetime> lifetime() const { return lifetimeSignal; }
