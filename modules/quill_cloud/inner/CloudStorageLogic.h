@@ -77,7 +77,6 @@ public:
   static void shutDown(std::shared_ptr<CloudStorageLogic> logic);
 
   const std::shared_ptr<SerialQueue>& getQueue() const { return queue; }
-  std::shared_ptr<Lifetime> lifetime() const { return lifetimeSignal; }
 
   // Snapshots for tests; call on the queue.
   const CloudStorageConfig& currentConfig() const { return config; }
