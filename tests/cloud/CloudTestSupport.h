@@ -59,7 +59,8 @@ public:
 // A scheduler whose tasks are FakeTasks, with the tasks it made kept in order of making.
 class FakeScheduler {
 public:
-  explicit FakeScheduler(bool waitForConfig)
+  explicit FakeScheduler(bool waitForConfig, std::chrono::milliseconds retryInterval =
+                                                 cloud::CloudStorageLogic::kRetryInterval)
       : logic(std::make_shared<cloud::CloudStorageLogic>(
             waitForConfig,
             [this](const std::string& cachePath, int type,
@@ -70,7 +71,8 @@ public:
               std::lock_guard<std::mutex> lock(mutex);
               made.push_back(task);
               return task;
-            })) {}
+            },
+            retryInterval)) {}
 
   ~FakeScheduler() { cloud::CloudStorageLogic::shutDown(std::move(logic)); }
 

@@ -12,9 +12,12 @@ using quill_test::TempDir;
 
 namespace {
 
+// Short, so that no test waits the two seconds of the real interval.
+constexpr std::chrono::milliseconds kInterval{150};
+
 struct SchedulerRetryTest : ::testing::Test {
   TempDir userDirectory;
-  FakeScheduler scheduler{true};
+  FakeScheduler scheduler{true, kInterval};
 
   void signIn(const std::string& aid = "aid") {
     scheduler.logic->changeUser("app", "pin", userDirectory.path());
@@ -36,7 +39,11 @@ struct SchedulerRetryTest : ::testing::Test {
 
 }  // namespace
 
-TEST_F(SchedulerRetryTest, RestartsAnImageDownloadAfterTwoSecondsWithoutACallback) {
+TEST(SchedulerRetryInterval, IsTwoSeconds) {
+  EXPECT_EQ(cloud::CloudStorageLogic::kRetryInterval, std::chrono::milliseconds(2000));
+}
+
+TEST_F(SchedulerRetryTest, RestartsAnImageDownloadAfterTheIntervalWithoutACallback) {
   LogCapture logs;
   signIn();
   RecordedRequest recorded(false, 1);
@@ -55,7 +62,7 @@ TEST_F(SchedulerRetryTest, RestartsAnImageDownloadAfterTwoSecondsWithoutACallbac
       logs.contains(log4cplus::INFO_LOG_LEVEL, "cloud::CloudStorageLogic::startRetryTimer enter"));
 
   ASSERT_TRUE(waitForStarts(0, 2));
-  EXPECT_GE(std::chrono::steady_clock::now() - askedAt, std::chrono::milliseconds(2000));
+  EXPECT_GE(std::chrono::steady_clock::now() - askedAt, kInterval);
   EXPECT_EQ(recorded.endCount(), 0) << "no callback between the failure and the retry";
   EXPECT_TRUE(
       logs.contains(log4cplus::INFO_LOG_LEVEL, "cloud::CloudStorageLogic::stopRetryTimer enter"));

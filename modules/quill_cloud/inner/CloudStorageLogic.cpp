@@ -13,8 +13,6 @@
 namespace cloud {
 namespace {
 
-constexpr std::uint64_t kRetryIntervalMs = 2000;
-
 bool isUploadType(int type) {
   return type == kImageUpload || type == kFileUpload || type == kVideoUpload;
 }
@@ -47,8 +45,10 @@ void CloudStorageLogic::Lifetime::waitDestroyed() {
   changed.wait(lock, [this] { return destroyed; });
 }
 
-CloudStorageLogic::CloudStorageLogic(bool waitForConfig, TaskFactory factory)
+CloudStorageLogic::CloudStorageLogic(bool waitForConfig, TaskFactory factory,
+                                     std::chrono::milliseconds retryInterval)
     : queue(std::make_shared<SerialQueue>("cloud storage")),
+      retryInterval(retryInterval),
       taskFactory(factory ? std::move(factory) : TaskFactory(makeTransferTask)) {
   config.waitForConfig = waitForConfig ? 1 : 0;
 }
@@ -59,13 +59,8 @@ CloudStorageLogic::~CloudStorageLogic() {
   }
   // Tear down before telling the owner: abandoned tasks cancel their transfers and the queue stops
   // (or, when this runs on the queue's own thread, winds down after the closure that is running).
-  for (auto& pending : waiting) {
-    pending.clear();
-  }
   retryList.clear();
-  positions.clear();
-  byRequestId.clear();
-  tasks.clear();
+  tasks = TaskTable();
   completionCallback = nullptr;
   queue.reset();
   lifetimeSignal->markDestroyed();
@@ -141,19 +136,8 @@ bool CloudStorageLogic::addRequest(std::shared_ptr<CloudStorageRequest> request)
 
 void CloudStorageLogic::cancelRequestWithId(const std::string& requestId) {
   post([requestId](CloudStorageLogic& self) {
-    auto found = self.byRequestId.find(requestId);
-    if (found == self.byRequestId.end()) {
-      return;
-    }
-    // In order of arrival, as shared pointers: cancelling ends tasks and changes the indexes.
-    std::vector<std::pair<std::uint64_t, std::shared_ptr<ITask>>> matching;
-    for (const ITask* task : found->second) {
-      const auto& entry = self.positions.at(task);
-      matching.emplace_back(entry.arrival, *entry.position);
-    }
-    std::sort(matching.begin(), matching.end(),
-              [](const auto& a, const auto& b) { return a.first < b.first; });
-    for (const auto& [arrival, task] : matching) {
+    // A copy, in order of arrival: cancelling ends tasks and changes the table.
+    for (const auto& task : self.tasks.withRequestId(requestId)) {
       task->cancel();
       self.removeFromRetryList(task.get());
       if (self.retryList.empty()) {
@@ -165,8 +149,7 @@ void CloudStorageLogic::cancelRequestWithId(const std::string& requestId) {
 
 void CloudStorageLogic::cancelAllRequests() {
   post([](CloudStorageLogic& self) {
-    const std::vector<std::shared_ptr<ITask>> snapshot(self.tasks.begin(), self.tasks.end());
-    for (const auto& task : snapshot) {
+    for (const auto& task : self.tasks.all()) {
       task->cancel();
     }
   });
@@ -204,7 +187,7 @@ void CloudStorageLogic::addTaskWithReqest(std::shared_ptr<CloudStorageRequest> r
     // Only logs: a task made before changeUser carries an empty cache path.
     checkCachePath("");
   }
-  if (findTask(request->requestId, type)) {
+  if (tasks.find(request->requestId, type)) {
     QLOG_INFO(" task exist");
     return;
   }
@@ -212,12 +195,8 @@ void CloudStorageLogic::addTaskWithReqest(std::shared_ptr<CloudStorageRequest> r
   if (!task) {
     return;
   }
-  tasks.push_back(task);
-  positions.emplace(task.get(), Entry{std::prev(tasks.end()), request->requestId, ++arrivals});
-  byRequestId[request->requestId].push_back(task.get());
-  const bool upload = isUploadType(type);
-  waiting[upload ? 1 : 0].push_back(task);
-  startNextRequest(upload);
+  tasks.add(task);
+  startNextRequest(isUploadType(type));
 }
 
 std::shared_ptr<ITask> CloudStorageLogic::createTask(std::shared_ptr<CloudStorageRequest> request,
@@ -234,19 +213,6 @@ std::shared_ptr<ITask> CloudStorageLogic::createTask(std::shared_ptr<CloudStorag
     task->setCallbackGate(callbackGate);
   }
   return task;
-}
-
-std::shared_ptr<ITask> CloudStorageLogic::findTask(const std::string& requestId, int type) const {
-  auto found = byRequestId.find(requestId);
-  if (found == byRequestId.end()) {
-    return nullptr;
-  }
-  for (const ITask* task : found->second) {
-    if (task->type() == type) {
-      return *positions.at(task).position;
-    }
-  }
-  return nullptr;
 }
 
 void CloudStorageLogic::checkCachePath(const std::string& directory) {
@@ -275,38 +241,31 @@ void CloudStorageLogic::startNextRequest(bool uploads) {
   if (uploads && needWaiting()) {
     return;
   }
-  const int direction = uploads ? 1 : 0;
-  const auto running = std::count_if(started[direction].begin(), started[direction].end(),
-                                     [](const ITask* task) { return task->state() == kRunning; });
-  const long limit = uploads ? 2 : 4;
-  if (running >= limit) {
+  const auto direction = uploads ? Direction::Upload : Direction::Download;
+  const std::size_t limit = uploads ? 2 : 4;
+  if (tasks.runningCount(direction) >= limit) {
     QLOG_DEBUG(" too many tasks to run");
     return;
   }
-  auto& pending = waiting[direction];
-  while (!pending.empty()) {
-    auto task = pending.front().lock();
-    pending.pop_front();
-    if (task && task->state() == kWaiting && positions.count(task.get()) != 0) {
-      startTask(task);
-      return;
-    }
+  if (auto task = tasks.takeNextWaiting(direction)) {
+    startTask(task);
+    return;
   }
   QLOG_DEBUG("no task can be executed");
 }
 
 void CloudStorageLogic::startTask(const std::shared_ptr<ITask>& task) {
-  started[task->isUpload() ? 1 : 0].insert(task.get());
+  tasks.markStarted(task.get());
   task->startWithConfig(&config);
 }
 
 void CloudStorageLogic::onTaskFinished(std::shared_ptr<ITask> task, bool retry) {
-  if (!task || positions.count(task.get()) == 0) {
+  if (!task || !tasks.contains(task.get())) {
     return;  // a second ending of a task already dropped: reported once only
   }
   const int type = task->type();
   const bool upload = isUploadType(type);
-  started[upload ? 1 : 0].erase(task.get());
+  tasks.markStopped(task.get());
 
   if (retry && (upload || type == kImageDownload)) {
     retryList.push_back(task);
@@ -324,22 +283,9 @@ void CloudStorageLogic::onTaskFinished(std::shared_ptr<ITask> task, bool retry) 
 }
 
 void CloudStorageLogic::dropTask(const std::shared_ptr<ITask>& task) {
-  auto entry = positions.find(task.get());
-  if (entry == positions.end()) {
-    return;
+  if (tasks.remove(task.get())) {
+    removeFromRetryList(task.get());
   }
-  auto ids = byRequestId.find(entry->second.requestId);
-  if (ids != byRequestId.end()) {
-    auto& list = ids->second;
-    list.erase(std::remove(list.begin(), list.end(), task.get()), list.end());
-    if (list.empty()) {
-      byRequestId.erase(ids);
-    }
-  }
-  removeFromRetryList(task.get());
-  started[task->isUpload() ? 1 : 0].erase(task.get());
-  tasks.erase(entry->second.position);
-  positions.erase(entry);
 }
 
 void CloudStorageLogic::removeFromRetryList(const ITask* task) {
@@ -354,7 +300,8 @@ void CloudStorageLogic::startRetryTimer() {
   }
   QLOG_INFO("cloud::CloudStorageLogic::startRetryTimer"
             << " enter");
-  retryTimerId = queue->startTimer(kRetryIntervalMs, [weak = weak_from_this()](std::uint64_t) {
+  const auto interval = static_cast<std::uint64_t>(retryInterval.count());
+  retryTimerId = queue->startTimer(interval, [weak = weak_from_this()](std::uint64_t) {
     auto self = weak.lock();
     if (self && !self->closed) {
       self->retryTasks();
@@ -381,7 +328,7 @@ void CloudStorageLogic::retryTasks() {
   const auto pending = std::move(retryList);
   retryList.clear();
   for (const auto& task : pending) {
-    if (positions.count(task.get()) != 0) {
+    if (tasks.contains(task.get())) {
       startTask(task);
     }
   }

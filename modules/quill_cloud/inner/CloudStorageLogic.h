@@ -1,5 +1,6 @@
 #pragma once
 
+#include "inner/TaskTable.h"
 #include "task/ITask.h"
 
 #include <quill_cloud/CloudStorageConfig.h>
@@ -8,16 +9,13 @@
 #include <quill_base/SerialQueue.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <functional>
-#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 namespace cloud {
@@ -48,8 +46,13 @@ public:
     bool destroyed = false;
   };
 
-  // `factory` makes the tasks; empty means the real download and upload tasks.
-  explicit CloudStorageLogic(bool waitForConfig, TaskFactory factory = {});
+  // How long tasks that asked for a retry wait before they start again.
+  static constexpr std::chrono::milliseconds kRetryInterval{2000};
+
+  // `factory` makes the tasks; empty means the real download and upload tasks. Tests may shorten
+  // `retryInterval`.
+  explicit CloudStorageLogic(bool waitForConfig, TaskFactory factory = {},
+                             std::chrono::milliseconds retryInterval = kRetryInterval);
   ~CloudStorageLogic();
   CloudStorageLogic(const CloudStorageLogic&) = delete;
   CloudStorageLogic& operator=(const CloudStorageLogic&) = delete;
@@ -86,14 +89,11 @@ public:
   bool retryTimerRunning() const { return retryTimerId != 0; }
 
 private:
-  using TaskList = std::list<std::shared_ptr<ITask>>;
-
   // Runs `work` on the queue while this scheduler lives and is open.
   void post(std::function<void(CloudStorageLogic&)> work);
 
   void addTaskWithReqest(std::shared_ptr<CloudStorageRequest> request, int type);
   std::shared_ptr<ITask> createTask(std::shared_ptr<CloudStorageRequest> request, int type);
-  std::shared_ptr<ITask> findTask(const std::string& requestId, int type) const;
   void checkCachePath(const std::string& directory);
   bool needWaiting();
   void startNextRequest(bool uploads);
@@ -107,28 +107,16 @@ private:
 
   CloudStorageConfig config;
   std::shared_ptr<SerialQueue> queue;
-  // Every task not yet dropped, in order of arrival.
-  TaskList tasks;
+  // Every task not yet dropped.
+  TaskTable tasks;
+  // Tasks that asked for a retry, restarted together by the retry timer.
   std::vector<std::shared_ptr<ITask>> retryList;
   ITask::CompletionCallback completionCallback;
   std::string cachePath;
   std::uint64_t retryTimerId = 0;
+  std::chrono::milliseconds retryInterval;
 
   TaskFactory taskFactory;
-  // Indexes over `tasks`, so that the cost of a request does not grow with the number queued.
-  struct Entry {
-    TaskList::iterator position;
-    std::string requestId;  // as indexed when the task was added
-    std::uint64_t arrival;
-  };
-  std::unordered_map<const ITask*, Entry> positions;
-  std::uint64_t arrivals = 0;
-  std::unordered_map<std::string, std::vector<ITask*>> byRequestId;
-  // Tasks never started, oldest first, per direction (0 downloads, 1 uploads); entries of tasks
-  // that ended meanwhile are skipped when they reach the front.
-  std::deque<std::weak_ptr<ITask>> waiting[2];
-  // Tasks started and not yet ended, per direction.
-  std::unordered_set<const ITask*> started[2];
 
   std::atomic<bool> closed{false};
   std::shared_ptr<CallbackGate> callbackGate = std::make_shared<CallbackGate>();
