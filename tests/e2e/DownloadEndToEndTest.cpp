@@ -1,4 +1,5 @@
 #include "CloudEnvironment.h"
+#include "SignedInFixture.h"
 
 #include <quill_base/FileUtils.h>
 
@@ -14,25 +15,9 @@ using quill_test::writePattern;
 
 namespace {
 
-struct DownloadEndToEnd : ::testing::Test {
-  TempDir user;
-  TempDir destination;
-  TempDir source;
-  std::unique_ptr<CloudStorageService> service = std::make_unique<CloudStorageService>(true);
-
-  void SetUp() override {
-    service->changeUser("app", "pin", user.path());
-    service->changeAid("aid");
-  }
-
+struct DownloadEndToEnd : quill_test::SignedInFixture {
   // Stores a file of `size` bytes on the server under a fresh key; returns its URL path.
-  std::string serve(std::size_t size, unsigned seed = 7) {
-    const auto key = TextUtils::UUID_String() + ".bin";
-    const auto local = writePattern(source.file(key), size, seed);
-    const auto path = CloudEnvironment::server().addFile(key, local);
-    EXPECT_FALSE(path.empty());
-    return path;
-  }
+  std::string serve(std::size_t size, unsigned seed = 7) { return store(size, seed).second; }
 
   Tracked download(int kind, const std::string& url, const std::string& name) {
     Tracked tracked(false, kind);

@@ -2,6 +2,7 @@
 // is untouched until a whole download replaces it, names that would leave their directory are
 // refused, and every failure says why.
 #include "CloudEnvironment.h"
+#include "SignedInFixture.h"
 
 #include <quill_base/FileUtils.h>
 
@@ -18,36 +19,17 @@ using quill_test::writePattern;
 
 namespace {
 
-struct SafeDownload : ::testing::Test {
-  TempDir user;
-  TempDir destination;
-  TempDir source;
-  std::unique_ptr<CloudStorageService> service = std::make_unique<CloudStorageService>(true);
-
-  void SetUp() override {
-    service->changeUser("app", "pin", user.path());
-    service->changeAid("aid");
-  }
-
+struct SafeDownload : quill_test::SignedInFixture {
   std::string cacheDirectory() const {
     return FileUtils::appendComponent(user.path(), "cloud_storage_caches");
-  }
-
-  // Stores a file of `size` pattern bytes under a fresh key; returns the local copy and URL path.
-  std::pair<std::string, std::string> serve(std::size_t size, unsigned seed) {
-    const auto key = TextUtils::UUID_String() + ".bin";
-    const auto local = writePattern(source.file(key), size, seed);
-    const auto path = CloudEnvironment::server().addFile(key, local);
-    EXPECT_FALSE(path.empty());
-    return {local, path};
   }
 
   // Downloads two different files, both named "same.bin", into two directories at once, the second
   // through `second`; each directory must end up with its own bytes.
   void expectOneNameTwiceAtOnce(CloudStorageService& second) {
     // The rate keeps both on the wire together for a while.
-    const auto [firstLocal, firstPath] = serve(512 * 1024, 11);
-    const auto [secondLocal, secondPath] = serve(384 * 1024, 12);
+    const auto [firstLocal, firstPath] = store(512 * 1024, 11);
+    const auto [secondLocal, secondPath] = store(384 * 1024, 12);
     TempDir otherDestination;
     auto one = start(*service, CloudEnvironment::url(firstPath + "?quill_rate=1048576"),
                      destination.path(), "same.bin");
@@ -89,7 +71,7 @@ TEST_F(SafeDownload, TwoServicesSharingAUserDirectoryKeepTheirOwnBytes) {
 }
 
 TEST_F(SafeDownload, AnExistingFileSurvivesFailedDownloadsAndIsReplacedByAWholeOne) {
-  const auto [local, path] = serve(256 * 1024, 31);
+  const auto [local, path] = store(256 * 1024, 31);
   const auto finalPath = FileUtils::appendComponent(destination.path(), "notes.txt");
   std::ofstream(finalPath, std::ios::binary) << "the user's notes";
   // With and without a cache directory (a service nobody signed in to has none): an error status,
@@ -115,7 +97,7 @@ TEST_F(SafeDownload, AnExistingFileSurvivesFailedDownloadsAndIsReplacedByAWholeO
 }
 
 TEST_F(SafeDownload, ALinkPlantedAtTheOldCacheNameIsNeverWrittenThrough) {
-  const auto [local, path] = serve(64 * 1024, 41);
+  const auto [local, path] = store(64 * 1024, 41);
   TempDir elsewhere;
   const auto victim = elsewhere.file("victim");
   std::ofstream(victim) << "someone else's";
@@ -142,7 +124,7 @@ TEST_F(SafeDownload, ALinkPlantedAtTheOldCacheNameIsNeverWrittenThrough) {
 }
 
 TEST_F(SafeDownload, ANameThatClimbsOutIsRefusedAndNothingIsWritten) {
-  const auto [local, path] = serve(1024, 51);
+  const auto [local, path] = store(1024, 51);
   const auto inner = FileUtils::appendComponent(destination.path(), "a/b");
   ASSERT_TRUE(FileUtils::makeDirectory(inner));
   auto refused = start(*service, CloudEnvironment::url(path), inner, "../../x");
@@ -161,8 +143,8 @@ TEST_F(SafeDownload, FailuresSayWhy) {
     std::string causePart;
     int systemError;
   };
-  const auto [local, path] = serve(2048, 61);
-  const auto [emptyLocal, emptyPath] = serve(0, 62);
+  const auto [local, path] = store(2048, 61);
+  const auto [emptyLocal, emptyPath] = store(0, 62);
   ASSERT_TRUE(FileUtils::makeDirectory(FileUtils::appendComponent(destination.path(), "dir.bin")));
   const std::vector<Case> cases = {
       // Port 9 (discard) has no listener on this machine: the connection is refused.
