@@ -185,8 +185,14 @@ TEST(Lifetime, ServiceAndAvatarManagerDestroyedAtRandomMomentsOfABusyRun) {
     // The manager holds the service too: the service is gone when its last owner let go, which
     // may be the manager's destruction.
     std::weak_ptr<CloudStorageService> weakService = service;
+    // A closure of the service's queue that was running when the manager was let go (a request's
+    // stateCallback holds the manager while it runs) releases the manager, and with it the
+    // service, when it returns: the service is gone once it has.
     auto noteServiceGone = [&] {
-      if (weakService.expired()) {
+      const bool lastOwnerGone = !service && !manager;
+      if (lastOwnerGone ? quill_test::eventually([&] { return weakService.expired(); },
+                                                 std::chrono::seconds(10))
+                        : weakService.expired()) {
         round->serviceGone = true;
       }
     };
