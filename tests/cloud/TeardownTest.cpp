@@ -66,9 +66,15 @@ TEST(SchedulerTeardown, WaitsForATaskClosureRunningOnTheQueue) {
     std::lock_guard<std::mutex> lock(madeMutex);
     return made.lock();
   };
+  // The task's state belongs to the queue: it is read there.
+  const auto queue = logic->getQueue();
   ASSERT_TRUE(quill_test::eventually([&] {
-    auto started = task();
-    return started && started->state() == cloud::kRunning;
+    bool running = false;
+    quill_test::runOnQueue(*queue, [&] {
+      auto started = task();
+      running = started && started->state() == cloud::kRunning;
+    });
+    return running;
   }));
 
   std::promise<void> release;
