@@ -58,11 +58,15 @@ TEST_F(ServiceLifetimeTest, DestroyingTheServiceMidDownloadCallsNothingAndAbando
 TEST_F(ServiceLifetimeTest, ACallbackMayDestroyTheService) {
   std::vector<RecordedRequest> requests;
   std::atomic<int> calls{0};
+  // Told once the callback has let go of the service, so that this thread reads `service` only
+  // after that write.
+  quill_test::EventCounter released;
   for (int i = 0; i < 3; ++i) {
     requests.push_back(download(1, "https://files.test/" + std::to_string(i), std::to_string(i)));
     requests.back().request->stateCallback = [&](std::shared_ptr<CloudStorageRequest>, int) {
       ++calls;
       service.reset();  // from the service's own queue
+      released.add();
     };
     ASSERT_TRUE(service->excuteRequest(requests.back().request));
   }
@@ -71,7 +75,7 @@ TEST_F(ServiceLifetimeTest, ACallbackMayDestroyTheService) {
   transport->succeedDownload(transport->call(0).id, "x");
   transport->succeedDownload(transport->call(1).id, "y");
   transport->drain();
-  ASSERT_TRUE(quill_test::eventually([&] { return calls.load() >= 1; }));
+  ASSERT_TRUE(released.waitFor(1));
   transport->drain();
   EXPECT_EQ(calls.load(), 1) << "no callback after the service is gone";
 }
