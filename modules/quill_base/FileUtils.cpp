@@ -1,7 +1,5 @@
 #include <quill_base/FileUtils.h>
 
-#include <quill_base/TextUtils.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>

@@ -74,9 +74,7 @@ void ITask::reportProgress(double done, double total) {
 }
 
 void ITask::noteEndCause(std::string text, int systemError, int httpStatus) {
-  pendingCause.text = std::move(text);
-  pendingCause.systemError = systemError;
-  pendingCause.httpStatus = httpStatus;
+  noteEndCause(CloudStorageEndCause{std::move(text), systemError, httpStatus});
 }
 
 void ITask::noteEndCause(const HttpResponse& response) {

@@ -73,6 +73,7 @@ public:
   // Records why the task is about to end, for the request's endCause; finish() writes it (a failure
   // without a recorded cause gets its message as the cause) and forgets it.
   void noteEndCause(std::string text, int systemError = 0, int httpStatus = 0);
+  void noteEndCause(CloudStorageEndCause cause) { pendingCause = std::move(cause); }
   // The same from a network response: its error text, errno and status.
   void noteEndCause(const HttpResponse& response);
 

@@ -80,7 +80,7 @@ void UploadTask::reportFileServiceReply(const std::weak_ptr<UploadTask>& task,
     cause = causeOfFailedUpload(response, "the file service did not accept the upload: " + message);
   }
   postIfAlive(task, queue, [path, code, message, cause](UploadTask& alive) {
-    alive.noteEndCause(cause.text, cause.systemError, cause.httpStatus);
+    alive.noteEndCause(cause);
     alive.processUploadCompletion(path, code, message, false);
   });
 }

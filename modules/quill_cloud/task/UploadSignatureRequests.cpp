@@ -67,8 +67,7 @@ bool UploadTask::acceptSignatureReply(const HttpResponse& reply, int code, std::
     return true;
   }
   QLOG_ERROR("request signature failed, code:" << reply.status << "\n" << reply.text);
-  const auto cause = causeOfFailedUpload(reply, "the signature reply was not accepted: " + message);
-  noteEndCause(cause.text, cause.systemError, cause.httpStatus);
+  noteEndCause(causeOfFailedUpload(reply, "the signature reply was not accepted: " + message));
   finish(kFinished, code, message, false);
   return false;
 }

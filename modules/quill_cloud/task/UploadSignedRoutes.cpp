@@ -78,7 +78,7 @@ void UploadTask::reportSignedUploadEnd(const std::weak_ptr<UploadTask>& task,
     cause = causeOfFailedUpload(response, message);
   }
   postIfAlive(task, queue, [path, code, message, cause](UploadTask& alive) {
-    alive.noteEndCause(cause.text, cause.systemError, cause.httpStatus);
+    alive.noteEndCause(cause);
     alive.processUploadCompletion(path, code, message, false);
   });
 }
