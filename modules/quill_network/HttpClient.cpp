@@ -2,24 +2,12 @@
 
 #include <quill_network/detail/HttpTransport.h>
 
-#include "detail/CurlTransport.h"
+#include "detail/TransportChoice.h"
 
 #include <atomic>
-#include <mutex>
 
 namespace quill_network_detail {
 namespace {
-
-std::mutex transportMutex;
-std::shared_ptr<HttpTransport> installedTransport;
-
-std::shared_ptr<HttpTransport> currentTransport() {
-  std::lock_guard<std::mutex> lock(transportMutex);
-  if (installedTransport) {
-    return installedTransport;
-  }
-  return curlTransport();
-}
 
 std::string nextTransferId() {
   static std::atomic<unsigned long long> counter{0};
@@ -28,19 +16,11 @@ std::string nextTransferId() {
 
 std::string startTransfer(TransferSpec spec) {
   auto id = nextTransferId();
-  currentTransport()->start(id, std::move(spec));
+  activeTransport()->start(id, std::move(spec));
   return id;
 }
 
 }  // namespace
-
-std::shared_ptr<HttpTransport> installTransport(std::shared_ptr<HttpTransport> transport) {
-  std::lock_guard<std::mutex> lock(transportMutex);
-  auto previous = std::move(installedTransport);
-  installedTransport = std::move(transport);
-  return previous;
-}
-
 }  // namespace quill_network_detail
 
 using quill_network_detail::TransferSpec;
@@ -103,5 +83,5 @@ void HttpClient::cancelRequest(const std::string& id) {
   if (id.empty()) {
     return;
   }
-  quill_network_detail::currentTransport()->cancel(id);
+  quill_network_detail::activeTransport()->cancel(id);
 }

@@ -1,7 +1,9 @@
 #pragma once
 
 // Internal to the project: the seam between HttpClient and the engine that moves the bytes. The
-// libcurl engine is the default; tests install a scripted engine to produce exact outcomes.
+// shipped library always uses the libcurl engine; the test build of the library
+// (quill_network_testing, for the project's tests and benchmarks) lets a test install a scripted
+// engine to produce exact outcomes. This header is visible only to the module and to that build.
 
 #include <quill_network/HttpClient.h>
 #include <quill_network/quill_network_export.h>
@@ -42,7 +44,8 @@ public:
 };
 
 // Routes every HttpClient call to `transport` from now on; null restores the libcurl engine.
-// Returns the transport that was in place (null for the default engine).
+// Returns the transport that was in place (null for the default engine). Defined in
+// quill_network_testing only.
 QUILL_NETWORK_EXPORT std::shared_ptr<HttpTransport> installTransport(
     std::shared_ptr<HttpTransport> transport);
 

@@ -1,0 +1,32 @@
+# Fails unless the dynamic symbols that LIBRARY defines include every pattern of EXPECTED and none of
+# FORBIDDEN (regular expressions over the demangled names, separated by "##").
+#   cmake -DNM=<nm> -DLIBRARY=<file> -DEXPECTED=<re>##... -DFORBIDDEN=<re>##... -P CheckExports.cmake
+string(REPLACE "##" ";" EXPECTED "${EXPECTED}")
+string(REPLACE "##" ";" FORBIDDEN "${FORBIDDEN}")
+execute_process(COMMAND "${NM}" -D -C --defined-only "${LIBRARY}"
+                OUTPUT_VARIABLE symbols
+                RESULT_VARIABLE status)
+if(NOT status EQUAL 0)
+  message(FATAL_ERROR "${NM} could not read ${LIBRARY}")
+endif()
+string(REPLACE "\n" ";" lines "${symbols}")
+foreach(pattern IN LISTS EXPECTED)
+  set(found OFF)
+  foreach(line IN LISTS lines)
+    if(line MATCHES "${pattern}")
+      set(found ON)
+      break()
+    endif()
+  endforeach()
+  if(NOT found)
+    message(FATAL_ERROR "${LIBRARY} does not export ${pattern}")
+  endif()
+endforeach()
+foreach(pattern IN LISTS FORBIDDEN)
+  foreach(line IN LISTS lines)
+    if(line MATCHES "${pattern}")
+      message(FATAL_ERROR "${LIBRARY} exports what must stay inside it: ${line}")
+    endif()
+  endforeach()
+endforeach()
+message(STATUS "${LIBRARY}: exports as expected")
