@@ -105,6 +105,7 @@ bool CurlTransfer::setKindOptions() {
       upload = std::make_unique<UploadFile>(spec.path);
       if (!upload->open()) {
         localError = upload->error();
+        localErrno = upload->systemError();
         return false;
       }
       uploadLength = static_cast<curl_off_t>(upload->size());
@@ -301,6 +302,9 @@ std::string CurlTransfer::describeFailure(CURLcode result) const {
   if (!localError.empty()) {
     return localError;
   }
+  if (upload && !upload->error().empty()) {
+    return upload->error();  // the file being sent could not be read: libcurl says only "aborted"
+  }
   if (errorBuffer[0] != '\0') {
     return errorBuffer;
   }
@@ -323,7 +327,9 @@ std::shared_ptr<HttpResponse> CurlTransfer::finish(CURLcode result) {
   response->outcome = HttpResponse::kFailed;
   if (result != CURLE_OK || !localError.empty()) {
     response->text = describeFailure(result);
-    response->systemError = localError.empty() ? 0 : localErrno;
+    response->systemError = !localError.empty()                  ? localErrno
+                            : upload && !upload->error().empty() ? upload->systemError()
+                                                                 : 0;
   } else if (!isSuccess(status)) {
     response->text = statusLine.empty() ? "HTTP status " + std::to_string(status) : statusLine;
   } else if (download && !download->commit()) {

@@ -23,7 +23,8 @@ bool UploadFile::open() {
   }
   file = std::fopen(path.c_str(), "rb");
   if (file == nullptr) {
-    lastError = "cannot read " + path + ": " + std::strerror(errno);
+    lastErrno = errno;
+    lastError = "cannot read " + path + ": " + std::strerror(lastErrno);
     return false;
   }
   bytes = FileUtils::fileSize(path);
@@ -33,9 +34,12 @@ bool UploadFile::open() {
 std::size_t UploadFile::onRead(char* buffer, std::size_t size, std::size_t count, void* self) {
   auto* upload = static_cast<UploadFile*>(self);
   const std::size_t wanted = size * count;
+  errno = 0;
   const std::size_t got = std::fread(buffer, 1, wanted, upload->file);
   if (got < wanted && std::ferror(upload->file) != 0) {
-    upload->lastError = "reading " + upload->path + " failed";
+    // libcurl only learns that the read was aborted; the transfer's failure text comes from here.
+    upload->lastErrno = errno != 0 ? errno : EIO;
+    upload->lastError = "cannot read " + upload->path + ": " + std::strerror(upload->lastErrno);
     return CURL_READFUNC_ABORT;
   }
   return got;

@@ -21,7 +21,10 @@ public:
   // False when the file cannot be opened for reading.
   bool open();
   std::uint64_t size() const { return bytes; }
+  // Why the file could not be opened or read ("cannot read <path>: <reason>"); empty while all is
+  // well. systemError() is the errno behind it.
   const std::string& error() const { return lastError; }
+  int systemError() const { return lastErrno; }
 
   // Fits CURLOPT_READFUNCTION / CURLOPT_SEEKFUNCTION with this object as the user pointer.
   static std::size_t onRead(char* buffer, std::size_t size, std::size_t count, void* self);
@@ -32,6 +35,7 @@ private:
   std::FILE* file = nullptr;
   std::uint64_t bytes = 0;
   std::string lastError;
+  int lastErrno = 0;
 };
 
 }  // namespace quill_network_detail
