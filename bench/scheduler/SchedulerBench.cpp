@@ -87,7 +87,7 @@ void scheduleDownloads(benchmark::State& state) {
     };
     for (int i = 0; i < count; ++i) {
       auto request = std::make_shared<CloudStorageRequest>(false);
-      request->kind = 2;
+      request->kind = CloudStorageKind::kFile;
       request->requestId = std::to_string(i);
       request->url = "https://files.bench/" + std::to_string(i);
       request->directory = directory;

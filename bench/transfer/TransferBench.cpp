@@ -96,7 +96,7 @@ std::shared_ptr<CloudStorageRequest> downloadRequest(const std::string& id, cons
                                                      const std::string& directory,
                                                      const std::string& fileName) {
   auto request = std::make_shared<CloudStorageRequest>(false);
-  request->kind = 2;
+  request->kind = CloudStorageKind::kFile;
   request->requestId = id;
   request->url = url;
   request->directory = directory;
@@ -111,7 +111,7 @@ int download(const std::string& url, const std::string& directory, const std::st
   std::atomic<int> reports{0};
   auto request = downloadRequest("download", url, directory, fileName);
   request->stateCallback = [&](std::shared_ptr<CloudStorageRequest> ended, int) {
-    countdown.arrive(ended->resultCode == 2);
+    countdown.arrive(ended->resultCode == CloudStorageResult::kSuccess);
   };
   if (withProgress) {
     request->progressCallback = [&](std::shared_ptr<CloudStorageRequest>, int) { ++reports; };
@@ -146,7 +146,7 @@ int upload(const std::string& route, const std::string& file) {
   request->directory = path.parent_path().string();
   request->fileName = path.filename().string();
   request->stateCallback = [&](std::shared_ptr<CloudStorageRequest> ended, int) {
-    countdown.arrive(ended->resultCode == 2);
+    countdown.arrive(ended->resultCode == CloudStorageResult::kSuccess);
   };
   const auto start = Clock::now();
   if (!service.excuteRequest(request)) {
@@ -175,7 +175,7 @@ int many(const std::string& listPath, const std::string& directory) {
     auto request = downloadRequest("f" + std::to_string(i), urls[i], directory,
                                    std::filesystem::path(urls[i]).filename().string());
     request->stateCallback = [&](std::shared_ptr<CloudStorageRequest> ended, int) {
-      countdown.arrive(ended->resultCode == 2);
+      countdown.arrive(ended->resultCode == CloudStorageResult::kSuccess);
     };
     requests.push_back(std::move(request));
   }

@@ -133,7 +133,7 @@ std::string AvatarManager::downloadAvatar(const std::string& identifier, const s
 
   auto request = std::make_shared<CloudStorageRequest>(false);
   request->requestId = identifier;
-  request->kind = 1;
+  request->kind = CloudStorageKind::kImage;
   request->url = url;
   {
     std::lock_guard<std::recursive_mutex> lock(mutex);
@@ -144,7 +144,7 @@ std::string AvatarManager::downloadAvatar(const std::string& identifier, const s
   // The avatar is known by the URL asked for: an image download retried on the image CDN host
   // ends with the request's url rewritten.
   request->stateCallback = [weakSelf, url](std::shared_ptr<CloudStorageRequest> ended, int state) {
-    if (state != 3 || !ended) {
+    if (state != CloudStorageState::kFinished || !ended) {
       return;
     }
     if (auto self = weakSelf.lock()) {
@@ -160,7 +160,7 @@ void AvatarManager::downloadStateChanged(const std::string& url,
   if (!request) {
     return;
   }
-  if (request->resultCode != 2) {
+  if (request->resultCode != CloudStorageResult::kSuccess) {
     weakAsync([this, url] { downloadComplete(url, false); });
     return;
   }
@@ -221,7 +221,7 @@ void AvatarManager::uploadAvatarImage(const std::string& filePath,
   }
   auto request = std::make_shared<CloudStorageRequest>(true);
   request->requestId = TextUtils::UUID_String();
-  request->kind = 1;
+  request->kind = CloudStorageKind::kImage;
   request->directory = FileUtils::fileDir(filePath);
   request->fileName = FileUtils::fileName(filePath);
   std::weak_ptr<AvatarManager> weakSelf = weak_from_this();
@@ -237,10 +237,10 @@ void AvatarManager::uploadAvatarImage(const std::string& filePath,
 void AvatarManager::uploadStateChanged(std::function<void(const std::string&)> callback,
                                        std::shared_ptr<CloudStorageRequest> request, int state) {
   weakAsync([this, callback, request, state] {
-    if (!request || state != 3) {
+    if (!request || state != CloudStorageState::kFinished) {
       return;
     }
-    if (request->resultCode != 2) {
+    if (request->resultCode != CloudStorageResult::kSuccess) {
       callback("");
     } else {
       uploadComplete(callback, request->url);

@@ -2,8 +2,13 @@
 
 #include "inner/CloudStorageLogic.h"
 
+#include <utility>
+
 CloudStorageService::CloudStorageService(bool waitForConfig)
-    : logicPtr(std::make_shared<cloud::CloudStorageLogic>(waitForConfig)) {}
+    : CloudStorageService(std::make_shared<cloud::CloudStorageLogic>(waitForConfig)) {}
+
+CloudStorageService::CloudStorageService(std::shared_ptr<cloud::CloudStorageLogic> logic)
+    : logicPtr(std::move(logic)) {}
 
 CloudStorageService::~CloudStorageService() {
   // Nothing of the service runs once this returns (unless it is called from one of its own

@@ -4,6 +4,7 @@
 #include "ScriptedTransport.h"
 #include "TestImages.h"
 #include "TestSupport.h"
+#include "inner/ServiceFactory.h"
 
 #include <quill_base/FileUtils.h>
 #include <quill_base/SerialQueue.h>
@@ -64,7 +65,9 @@ struct AvatarFixture : ::testing::Test {
   TempDir userDirectory;
   TempDir root;
   std::shared_ptr<SerialQueue> queue = std::make_shared<SerialQueue>("avatars");
-  std::shared_ptr<CloudStorageService> service = std::make_shared<CloudStorageService>(true);
+  // A retried avatar starts again after 150 ms, not after the shipped service's two seconds.
+  std::shared_ptr<CloudStorageService> service =
+      cloud::ServiceFactory::make(true, std::chrono::milliseconds(150));
   std::shared_ptr<AvatarManager> manager = std::make_shared<AvatarManager>(queue, service);
   RecordingListener listener{queue};
 
@@ -111,7 +114,7 @@ struct AvatarFixture : ::testing::Test {
   // Returns once the service's queue has run everything queued on it before this call: a download
   // that fails at once (no URL) ends on that queue after the work ahead of it.
   void flushService() {
-    RecordedRequest probe(false, 2);
+    RecordedRequest probe(false, CloudStorageKind::kFile);
     ASSERT_TRUE(service->excuteRequest(probe.request));
     ASSERT_TRUE(probe.waitEnded());
   }

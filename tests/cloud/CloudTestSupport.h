@@ -35,18 +35,18 @@ public:
   bool startWithConfig(CloudStorageConfig* config) override {
     this->config = config;
     ++starts;
-    taskState = cloud::kRunning;
-    transferId = "fake";
+    enterRunning();
+    holdTransfer("fake");
     return true;
   }
 
   void cancel() override {
     ++cancels;
-    finish(cloud::kFinished, 3, "", false);
+    finish(CloudStorageState::kFinished, CloudStorageResult::kCancelled, "", false);
   }
 
   void end(int code, const std::string& message, bool retry) {
-    finish(cloud::kFinished, code, message, retry);
+    finish(CloudStorageState::kFinished, code, message, retry);
   }
 
   using ITask::onProgress;

@@ -27,17 +27,18 @@ struct DownloadRetryTest : ::testing::Test, DownloadFixture {
 
 }  // namespace
 
-TEST_F(DownloadRetryTest, RetriesAFailedImageOnceOnTheCdnHostAfterTwoSeconds) {
+TEST_F(DownloadRetryTest, RetriesAFailedImageOnceOnTheCdnHostAfterTheRetryInterval) {
   LogCapture logs;
   signIn();
-  auto recorded = download(1, "http://static.quill.test/avatars/u1.png", "u1.png");
+  auto recorded =
+      download(CloudStorageKind::kImage, "http://static.quill.test/avatars/u1.png", "u1.png");
   ASSERT_TRUE(service->excuteRequest(recorded.request));
   ASSERT_TRUE(transport->waitForCalls(1));
   const auto failedAt = std::chrono::steady_clock::now();
   transport->end(transport->call(0).id, 2, 500, "HTTP/1.1 500 Internal Server Error");
 
   ASSERT_TRUE(transport->waitForCalls(2, std::chrono::seconds(10)));
-  EXPECT_GE(std::chrono::steady_clock::now() - failedAt, std::chrono::milliseconds(2000));
+  EXPECT_GE(std::chrono::steady_clock::now() - failedAt, kRetryInterval);
   EXPECT_EQ(recorded.endCount(), 0) << "no callback in between";
   EXPECT_EQ(transport->call(1).spec.url, "http://cdn.quill.test/avatars/u1.png");
   EXPECT_NE(transport->call(1).spec.path, transport->call(0).spec.path)
@@ -49,7 +50,7 @@ TEST_F(DownloadRetryTest, RetriesAFailedImageOnceOnTheCdnHostAfterTwoSeconds) {
   // A second failure of the rewritten URL ends the request.
   transport->end(transport->call(1).id, 2, 500, "HTTP/1.1 500 Internal Server Error");
   ASSERT_TRUE(recorded.waitEnded());
-  EXPECT_EQ(recorded.ended().code, -100);
+  EXPECT_EQ(recorded.ended().code, CloudStorageResult::kTransferFailed);
   EXPECT_EQ(recorded.ended().message, "500");
   EXPECT_EQ(recorded.endCount(), 1);
   EXPECT_EQ(transport->startedCalls().size(), 2u);
@@ -57,14 +58,14 @@ TEST_F(DownloadRetryTest, RetriesAFailedImageOnceOnTheCdnHostAfterTwoSeconds) {
 
 TEST_F(DownloadRetryTest, TheRetriedImageCanSucceed) {
   signIn();
-  auto recorded = download(1, "https://static.quill.test/a.jpg", "a.jpg");
+  auto recorded = download(CloudStorageKind::kImage, "https://static.quill.test/a.jpg", "a.jpg");
   ASSERT_TRUE(service->excuteRequest(recorded.request));
   ASSERT_TRUE(transport->waitForCalls(1));
   transport->end(transport->call(0).id, 2, 502, "bad gateway");
   ASSERT_TRUE(transport->waitForCalls(2, std::chrono::seconds(10)));
   transport->succeedDownload(transport->call(1).id, "jpeg");
   ASSERT_TRUE(recorded.waitEnded());
-  EXPECT_EQ(recorded.ended().code, 2);
+  EXPECT_EQ(recorded.ended().code, CloudStorageResult::kSuccess);
   EXPECT_EQ(recorded.request->url, "https://cdn.quill.test/a.jpg");
   EXPECT_EQ(quill_test::readAll(FileUtils::appendComponent(destination.path(), "a.jpg")), "jpeg");
 }
@@ -91,10 +92,10 @@ TEST_F(DownloadRetryTest, FileDownloadsAndKnownStatusesAreNotRetried) {
 
 TEST_F(DownloadRetryTest, AnImageFromAnotherHostIsNotRetried) {
   signIn();
-  auto recorded = download(1, "https://elsewhere.test/x.png", "x.png");
+  auto recorded = download(CloudStorageKind::kImage, "https://elsewhere.test/x.png", "x.png");
   ASSERT_TRUE(service->excuteRequest(recorded.request));
   ASSERT_TRUE(transport->waitForCalls(1));
   transport->end(transport->call(0).id, 2, 500, "");
   ASSERT_TRUE(recorded.waitEnded(std::chrono::milliseconds(1500)));
-  EXPECT_EQ(recorded.ended().code, -100);
+  EXPECT_EQ(recorded.ended().code, CloudStorageResult::kTransferFailed);
 }

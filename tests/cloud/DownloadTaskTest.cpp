@@ -32,7 +32,7 @@ bool isTemporaryFor(const std::string& path, const std::string& directory,
 
 TEST_F(DownloadTaskTest, DownloadsThroughTheCacheIntoTheDestination) {
   signIn();
-  auto recorded = download(2, "https://files.test/report.pdf", "report.pdf");
+  auto recorded = download(CloudStorageKind::kFile, "https://files.test/report.pdf", "report.pdf");
   ASSERT_TRUE(service->excuteRequest(recorded.request));
   ASSERT_TRUE(transport->waitForCalls(1));
   const auto call = transport->call(0);
@@ -42,8 +42,8 @@ TEST_F(DownloadTaskTest, DownloadsThroughTheCacheIntoTheDestination) {
 
   transport->succeedDownload(call.id, "%PDF-1.7 body");
   ASSERT_TRUE(recorded.waitEnded());
-  EXPECT_EQ(recorded.ended().state, 3);
-  EXPECT_EQ(recorded.ended().code, 2);
+  EXPECT_EQ(recorded.ended().state, CloudStorageState::kFinished);
+  EXPECT_EQ(recorded.ended().code, CloudStorageResult::kSuccess);
   EXPECT_EQ(recorded.ended().message, "");
   EXPECT_EQ(recorded.ended().cause.text, "");
   EXPECT_EQ(recorded.ended().bytesDone, 13);
@@ -54,7 +54,7 @@ TEST_F(DownloadTaskTest, DownloadsThroughTheCacheIntoTheDestination) {
 }
 
 TEST_F(DownloadTaskTest, WithoutAUserGrowsBesideTheFinalPath) {
-  auto recorded = download(1, "https://img.test/a.png", "a.png");
+  auto recorded = download(CloudStorageKind::kImage, "https://img.test/a.png", "a.png");
   ASSERT_TRUE(service->excuteRequest(recorded.request));
   ASSERT_TRUE(transport->waitForCalls(1));
   const auto call = transport->call(0);
@@ -62,7 +62,7 @@ TEST_F(DownloadTaskTest, WithoutAUserGrowsBesideTheFinalPath) {
   EXPECT_TRUE(isTemporaryFor(call.spec.path, destination.path(), "a.png")) << call.spec.path;
   transport->succeedDownload(call.id, "png bytes");
   ASSERT_TRUE(recorded.waitEnded());
-  EXPECT_EQ(recorded.ended().code, 2);
+  EXPECT_EQ(recorded.ended().code, CloudStorageResult::kSuccess);
   EXPECT_EQ(readAll(finalPath), "png bytes");
   EXPECT_EQ(entriesIn(destination.path()), 1u) << "the temporary file became the final one";
 }
@@ -70,8 +70,8 @@ TEST_F(DownloadTaskTest, WithoutAUserGrowsBesideTheFinalPath) {
 TEST_F(DownloadTaskTest, TwoDownloadsOfOneNameGrowInFilesOfTheirOwn) {
   signIn();
   TempDir otherDestination;
-  auto first = download(2, "https://files.test/one", "same.bin");
-  auto second = download(2, "https://files.test/two", "same.bin");
+  auto first = download(CloudStorageKind::kFile, "https://files.test/one", "same.bin");
+  auto second = download(CloudStorageKind::kFile, "https://files.test/two", "same.bin");
   second.request->directory = otherDestination.path();
   ASSERT_TRUE(service->excuteRequest(first.request));
   ASSERT_TRUE(service->excuteRequest(second.request));
@@ -95,7 +95,7 @@ TEST_F(DownloadTaskTest, AFailedDownloadLeavesTheUsersFileAsItWas) {
     const auto name = std::string("kept-") + (withUser ? "1" : "0") + ".txt";
     const auto finalPath = FileUtils::appendComponent(destination.path(), name);
     std::ofstream(finalPath, std::ios::binary) << "the user's own words";
-    auto recorded = download(2, "https://files.test/" + name, name);
+    auto recorded = download(CloudStorageKind::kFile, "https://files.test/" + name, name);
     ASSERT_TRUE(service->excuteRequest(recorded.request));
     ASSERT_TRUE(transport->waitForCalls(withUser ? 2 : 1));
     const auto call = transport->call(withUser ? 1 : 0);
@@ -103,7 +103,7 @@ TEST_F(DownloadTaskTest, AFailedDownloadLeavesTheUsersFileAsItWas) {
     std::ofstream(call.spec.path) << "partial";  // what the engine had written
     transport->end(call.id, 2, 500, "HTTP/1.1 500 Internal Server Error");
     ASSERT_TRUE(recorded.waitEnded());
-    EXPECT_EQ(recorded.ended().code, -100);
+    EXPECT_EQ(recorded.ended().code, CloudStorageResult::kTransferFailed);
     EXPECT_EQ(readAll(finalPath), "the user's own words");
     EXPECT_FALSE(FileUtils::fileExists(call.spec.path));
   }
@@ -119,11 +119,11 @@ TEST_F(DownloadTaskTest, RefusesNamesThatAreNotOnePlainComponent) {
                                           "a/b",     "/abs", "a\\b", std::string("x\0y", 3)};
   for (const auto& name : names) {
     SCOPED_TRACE(name);
-    auto recorded = download(2, "https://files.test/evil", name);
+    auto recorded = download(CloudStorageKind::kFile, "https://files.test/evil", name);
     recorded.request->directory = inner;
     ASSERT_TRUE(service->excuteRequest(recorded.request));
     ASSERT_TRUE(recorded.waitEnded());
-    EXPECT_EQ(recorded.ended().code, -1);
+    EXPECT_EQ(recorded.ended().code, CloudStorageResult::kFailed);
     EXPECT_EQ(recorded.ended().message, "the download file name is not a plain file name");
     EXPECT_NE(recorded.ended().cause.text.find("not a plain file name"), std::string::npos);
   }
@@ -151,8 +151,8 @@ TEST_F(DownloadTaskTest, MapsTransferFailuresToResultCodes) {
   const std::vector<Row> rows = {{2, 404, -2, "404"},   {2, 403, -3, "403"}, {2, 400, -4, "400"},
                                  {2, 500, -100, "500"}, {2, 0, -100, "0"},   {1, 0, 3, "0"}};
   for (std::size_t i = 0; i < rows.size(); ++i) {
-    auto recorded =
-        download(2, "https://files.test/f" + std::to_string(i), "f" + std::to_string(i));
+    auto recorded = download(CloudStorageKind::kFile, "https://files.test/f" + std::to_string(i),
+                             "f" + std::to_string(i));
     ASSERT_TRUE(service->excuteRequest(recorded.request));
     ASSERT_TRUE(transport->waitForCalls(i + 1));
     const auto call = transport->call(i);
@@ -179,13 +179,13 @@ TEST_F(DownloadTaskTest, MapsTransferFailuresToResultCodes) {
 TEST_F(DownloadTaskTest, AnEmptyBodyIsAFailureAndLandsNothing) {
   LogCapture logs;
   signIn();
-  auto recorded = download(2, "https://files.test/empty", "empty.bin");
+  auto recorded = download(CloudStorageKind::kFile, "https://files.test/empty", "empty.bin");
   ASSERT_TRUE(service->excuteRequest(recorded.request));
   ASSERT_TRUE(transport->waitForCalls(1));
   const auto call = transport->call(0);
   transport->succeedDownload(call.id, "");
   ASSERT_TRUE(recorded.waitEnded());
-  EXPECT_EQ(recorded.ended().code, -1);
+  EXPECT_EQ(recorded.ended().code, CloudStorageResult::kFailed);
   EXPECT_EQ(recorded.ended().message, "");
   EXPECT_EQ(recorded.ended().cause.text, "the server sent an empty file");
   EXPECT_TRUE(logs.contains(log4cplus::ERROR_LOG_LEVEL, "download file size error"));
@@ -199,13 +199,13 @@ TEST_F(DownloadTaskTest, AFailedMoveIsAFailure) {
   // A directory where the file should go makes the move fail.
   const auto finalPath = FileUtils::appendComponent(destination.path(), "blocked");
   ASSERT_TRUE(FileUtils::makeDirectory(FileUtils::appendComponent(finalPath, "inside")));
-  auto recorded = download(2, "https://files.test/blocked", "blocked");
+  auto recorded = download(CloudStorageKind::kFile, "https://files.test/blocked", "blocked");
   ASSERT_TRUE(service->excuteRequest(recorded.request));
   ASSERT_TRUE(transport->waitForCalls(1));
   const auto call = transport->call(0);
   transport->succeedDownload(call.id, "bytes");
   ASSERT_TRUE(recorded.waitEnded());
-  EXPECT_EQ(recorded.ended().code, -1);
+  EXPECT_EQ(recorded.ended().code, CloudStorageResult::kFailed);
   EXPECT_EQ(recorded.ended().message, "");
   EXPECT_TRUE(logs.contains(log4cplus::ERROR_LOG_LEVEL,
                             "failed to move temp file to cache path \n " + finalPath));
@@ -235,13 +235,13 @@ TEST_F(DownloadTaskTest, RefusesRequestsThatCannotStart) {
        "the download cache path not exists, " + missing},
   };
   for (const auto& row : rows) {
-    RecordedRequest recorded(false, 2);
+    RecordedRequest recorded(false, CloudStorageKind::kFile);
     recorded.request->url = row.url;
     recorded.request->directory = row.directory;
     recorded.request->fileName = row.fileName;
     ASSERT_TRUE(service->excuteRequest(recorded.request));
     ASSERT_TRUE(recorded.waitEnded()) << row.message;
-    EXPECT_EQ(recorded.ended().code, -1);
+    EXPECT_EQ(recorded.ended().code, CloudStorageResult::kFailed);
     EXPECT_EQ(recorded.ended().message, row.message);
     // The failure is reported first, then logged.
     EXPECT_TRUE(quill_test::eventually([&] {
@@ -265,9 +265,9 @@ TEST(DownloadTaskDirect, RefusesOtherTypesBeforeReturning) {
     EXPECT_FALSE(task->startWithConfig(&config));
     ASSERT_EQ(retries.size(), 1u) << "the failure is reported before startWithConfig returns";
     EXPECT_FALSE(retries[0]);
-    EXPECT_EQ(request->resultCode, -1);
+    EXPECT_EQ(request->resultCode, CloudStorageResult::kFailed);
     EXPECT_EQ(request->resultMessage, "download task type error");
-    EXPECT_EQ(task->state(), 3);
+    EXPECT_EQ(task->state(), CloudStorageState::kFinished);
     EXPECT_TRUE(logs.contains(log4cplus::ERROR_LOG_LEVEL,
                               "download task type error, type:" + std::to_string(type)));
   }
@@ -286,12 +286,12 @@ TEST(DownloadTaskDirect, WithoutConfigurationRequestOrQueueNothingHappens) {
   auto noQueue = std::make_shared<cloud::DownloadTask>("", 3, request, nullptr, completion);
   EXPECT_FALSE(noQueue->startWithConfig(&config));
   EXPECT_EQ(completions, 0);
-  EXPECT_EQ(request->resultCode, 1);
+  EXPECT_EQ(request->resultCode, CloudStorageResult::kPending);
 }
 
 TEST_F(DownloadTaskTest, ReportsProgressAsWholePercentages) {
   signIn();
-  auto recorded = download(2, "https://files.test/big", "big");
+  auto recorded = download(CloudStorageKind::kFile, "https://files.test/big", "big");
   recorded.recordProgress();
   ASSERT_TRUE(service->excuteRequest(recorded.request));
   ASSERT_TRUE(transport->waitForCalls(1));
@@ -306,7 +306,7 @@ TEST_F(DownloadTaskTest, ReportsProgressAsWholePercentages) {
 }
 
 TEST_F(DownloadTaskTest, PassesNoProgressFunctionWithoutAProgressCallback) {
-  auto recorded = download(2, "https://files.test/quiet", "quiet");
+  auto recorded = download(CloudStorageKind::kFile, "https://files.test/quiet", "quiet");
   ASSERT_TRUE(service->excuteRequest(recorded.request));
   ASSERT_TRUE(transport->waitForCalls(1));
   EXPECT_FALSE(transport->call(0).spec.progress);
@@ -316,14 +316,15 @@ TEST_F(DownloadTaskTest, CancelsAWaitingDownloadWithoutTheNetwork) {
   LogCapture logs;
   std::vector<RecordedRequest> requests;
   for (int i = 0; i < 5; ++i) {
-    requests.push_back(download(2, "https://files.test/" + std::to_string(i), std::to_string(i)));
+    requests.push_back(download(CloudStorageKind::kFile, "https://files.test/" + std::to_string(i),
+                                std::to_string(i)));
     requests.back().request->requestId = "d" + std::to_string(i);
     ASSERT_TRUE(service->excuteRequest(requests.back().request));
   }
   ASSERT_TRUE(transport->waitForCalls(4));
   service->cancelReqestWithID("d4");
   ASSERT_TRUE(requests[4].waitEnded());
-  EXPECT_EQ(requests[4].ended().code, 3);
+  EXPECT_EQ(requests[4].ended().code, CloudStorageResult::kCancelled);
   EXPECT_EQ(requests[4].ended().message, "");
   EXPECT_TRUE(logs.contains(log4cplus::INFO_LOG_LEVEL, " cancel the waiting task"));
   EXPECT_TRUE(transport->cancelledIds().empty());
@@ -332,7 +333,7 @@ TEST_F(DownloadTaskTest, CancelsAWaitingDownloadWithoutTheNetwork) {
 
 TEST_F(DownloadTaskTest, CancelsARunningDownloadThroughTheNetwork) {
   signIn();
-  auto recorded = download(2, "https://files.test/slow", "slow");
+  auto recorded = download(CloudStorageKind::kFile, "https://files.test/slow", "slow");
   recorded.request->requestId = "slow";
   ASSERT_TRUE(service->excuteRequest(recorded.request));
   ASSERT_TRUE(transport->waitForCalls(1));
@@ -341,7 +342,7 @@ TEST_F(DownloadTaskTest, CancelsARunningDownloadThroughTheNetwork) {
   service->cancelReqestWithID("slow");
   ASSERT_TRUE(recorded.waitEnded());
   EXPECT_EQ(transport->cancelledIds(), (std::vector<std::string>{call.id}));
-  EXPECT_EQ(recorded.ended().code, 3);
+  EXPECT_EQ(recorded.ended().code, CloudStorageResult::kCancelled);
   EXPECT_EQ(recorded.ended().message, "0");
   EXPECT_FALSE(FileUtils::fileExists(call.spec.path));
   EXPECT_FALSE(FileUtils::fileExists(FileUtils::appendComponent(destination.path(), "slow")));
@@ -350,14 +351,15 @@ TEST_F(DownloadTaskTest, CancelsARunningDownloadThroughTheNetwork) {
 TEST_F(DownloadTaskTest, CancelAllEndsWaitingAndRunningDownloads) {
   std::vector<RecordedRequest> requests;
   for (int i = 0; i < 6; ++i) {
-    requests.push_back(download(1, "https://files.test/" + std::to_string(i), std::to_string(i)));
+    requests.push_back(download(CloudStorageKind::kImage, "https://files.test/" + std::to_string(i),
+                                std::to_string(i)));
     ASSERT_TRUE(service->excuteRequest(requests.back().request));
   }
   ASSERT_TRUE(transport->waitForCalls(4));
   service->cancelAllReqest();
   for (auto& request : requests) {
     ASSERT_TRUE(request.waitEnded());
-    EXPECT_EQ(request.ended().code, 3);
+    EXPECT_EQ(request.ended().code, CloudStorageResult::kCancelled);
   }
   EXPECT_EQ(transport->cancelledIds().size(), 4u);
 }

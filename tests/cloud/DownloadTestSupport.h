@@ -6,6 +6,9 @@
 #include <quill_base/FileUtils.h>
 #include <quill_cloud/CloudStorageService.h>
 
+#include "inner/ServiceFactory.h"
+
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
@@ -25,7 +28,9 @@ struct DownloadFixture {
   ScopedTransport installed{transport};
   TempDir userDirectory;
   TempDir destination;
-  std::unique_ptr<CloudStorageService> service = std::make_unique<CloudStorageService>(true);
+  // Retried images start again after this, not after the two seconds of the shipped service.
+  static constexpr std::chrono::milliseconds kRetryInterval{150};
+  std::unique_ptr<CloudStorageService> service = cloud::ServiceFactory::make(true, kRetryInterval);
 
   std::string cacheDirectory() const {
     return FileUtils::appendComponent(userDirectory.path(), "cloud_storage_caches");

@@ -115,7 +115,7 @@ TEST(CloudStorageConfig, CopiesAndMovesEveryField) {
 TEST(CloudStorageRequest, DefaultsKeepResultCodeOne) {
   const CloudStorageRequest download(false);
   EXPECT_FALSE(download.isUpload);
-  EXPECT_EQ(download.resultCode, 1);
+  EXPECT_EQ(download.resultCode, CloudStorageResult::kPending);
   EXPECT_EQ(download.tag, 0);
   EXPECT_EQ(download.reserved, 0);
   EXPECT_EQ(download.fileSize, 0);
@@ -134,7 +134,7 @@ TEST(CloudStorageRequest, CopiesAndMovesEveryFieldWithTheCallbacks) {
   int progressCalls = 0;
   request.tag = 42;
   request.requestId = "id";
-  request.kind = 3;
+  request.kind = CloudStorageKind::kVideo;
   request.reserved = 1;
   request.url = "u";
   request.auxText1 = "x1";
@@ -144,7 +144,7 @@ TEST(CloudStorageRequest, CopiesAndMovesEveryFieldWithTheCallbacks) {
   request.fileSize = 1ll << 40;
   request.auxText3 = "x3";
   request.auxText4 = "x4";
-  request.resultCode = -100;
+  request.resultCode = CloudStorageResult::kTransferFailed;
   request.resultMessage = "m";
   request.stateCallback = [&](std::shared_ptr<CloudStorageRequest>, int) { ++stateCalls; };
   request.progressCallback = [&](std::shared_ptr<CloudStorageRequest>, int) { ++progressCalls; };
@@ -167,7 +167,7 @@ TEST(CloudStorageRequest, CopiesAndMovesEveryFieldWithTheCallbacks) {
     EXPECT_EQ(r->fileSize, 1ll << 40);
     EXPECT_EQ(r->auxText3, "x3");
     EXPECT_EQ(r->auxText4, "x4");
-    EXPECT_EQ(r->resultCode, -100);
+    EXPECT_EQ(r->resultCode, CloudStorageResult::kTransferFailed);
     EXPECT_EQ(r->resultMessage, "m");
     r->stateCallback(nullptr, 3);
     r->progressCallback(nullptr, 5);

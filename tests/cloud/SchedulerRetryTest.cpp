@@ -46,13 +46,13 @@ TEST(SchedulerRetryInterval, IsTwoSeconds) {
 TEST_F(SchedulerRetryTest, RestartsAnImageDownloadAfterTheIntervalWithoutACallback) {
   LogCapture logs;
   signIn();
-  RecordedRequest recorded(false, 1);
+  RecordedRequest recorded(false, CloudStorageKind::kImage);
   ASSERT_TRUE(scheduler.logic->addRequest(recorded.request));
   scheduler.settle();
   auto task = scheduler.task(0);
 
   const auto askedAt = std::chrono::steady_clock::now();
-  scheduler.onQueue([&] { task->end(-100, "500", true); });
+  scheduler.onQueue([&] { task->end(CloudStorageResult::kTransferFailed, "500", true); });
   scheduler.onQueue([&] {
     EXPECT_EQ(scheduler.logic->retryCount(), 1u);
     EXPECT_TRUE(scheduler.logic->retryTimerRunning());
@@ -69,12 +69,12 @@ TEST_F(SchedulerRetryTest, RestartsAnImageDownloadAfterTheIntervalWithoutACallba
   scheduler.onQueue([&] {
     EXPECT_EQ(scheduler.logic->retryCount(), 0u);
     EXPECT_FALSE(scheduler.logic->retryTimerRunning());
-    EXPECT_EQ(task->state(), cloud::kRunning);
+    EXPECT_EQ(task->state(), CloudStorageState::kRunning);
   });
 
-  scheduler.onQueue([&] { task->end(-100, "500", false); });
+  scheduler.onQueue([&] { task->end(CloudStorageResult::kTransferFailed, "500", false); });
   ASSERT_TRUE(recorded.waitEnded());
-  EXPECT_EQ(recorded.ended().code, -100);
+  EXPECT_EQ(recorded.ended().code, CloudStorageResult::kTransferFailed);
   EXPECT_EQ(recorded.endCount(), 1);
 }
 
@@ -82,7 +82,7 @@ TEST_F(SchedulerRetryTest, RestartsAnUploadOutsideTheRunningLimit) {
   signIn();
   std::vector<RecordedRequest> uploads;
   auto addUpload = [&] {
-    uploads.emplace_back(true, 1);
+    uploads.emplace_back(true, CloudStorageKind::kImage);
     ASSERT_TRUE(scheduler.logic->addRequest(uploads.back().request));
     scheduler.settle();
   };
@@ -92,19 +92,19 @@ TEST_F(SchedulerRetryTest, RestartsAnUploadOutsideTheRunningLimit) {
   auto first = scheduler.task(0);
   // The first asks for a retry, the second succeeds: the third takes a free place, and a fourth
   // takes the other.
-  scheduler.onQueue([&] { first->end(-100, "", true); });
-  scheduler.onQueue([&] { scheduler.task(1)->end(2, "", false); });
+  scheduler.onQueue([&] { first->end(CloudStorageResult::kTransferFailed, "", true); });
+  scheduler.onQueue([&] { scheduler.task(1)->end(CloudStorageResult::kSuccess, "", false); });
   addUpload();
   scheduler.onQueue([&] {
-    EXPECT_EQ(scheduler.task(2)->state(), cloud::kRunning);
-    EXPECT_EQ(scheduler.task(3)->state(), cloud::kRunning);
+    EXPECT_EQ(scheduler.task(2)->state(), CloudStorageState::kRunning);
+    EXPECT_EQ(scheduler.task(3)->state(), CloudStorageState::kRunning);
   });
   // The retry restarts the first although two uploads run already.
   ASSERT_TRUE(waitForStarts(0, 2));
   scheduler.onQueue([&] {
-    EXPECT_EQ(first->state(), cloud::kRunning);
-    EXPECT_EQ(scheduler.task(2)->state(), cloud::kRunning);
-    EXPECT_EQ(scheduler.task(3)->state(), cloud::kRunning);
+    EXPECT_EQ(first->state(), CloudStorageState::kRunning);
+    EXPECT_EQ(scheduler.task(2)->state(), CloudStorageState::kRunning);
+    EXPECT_EQ(scheduler.task(3)->state(), CloudStorageState::kRunning);
   });
   EXPECT_EQ(uploads[0].endCount(), 0);
 }
@@ -112,12 +112,12 @@ TEST_F(SchedulerRetryTest, RestartsAnUploadOutsideTheRunningLimit) {
 TEST_F(SchedulerRetryTest, RetriesWaitForTheConfigurationAndChangeAidReleasesThem) {
   LogCapture logs;
   signIn();
-  RecordedRequest upload(true, 2);
+  RecordedRequest upload(true, CloudStorageKind::kFile);
   ASSERT_TRUE(scheduler.logic->addRequest(upload.request));
   scheduler.settle();
   auto task = scheduler.task(0);
   scheduler.logic->changeAid("");  // the account went away: the configuration is incomplete
-  scheduler.onQueue([&] { task->end(-100, "", true); });
+  scheduler.onQueue([&] { task->end(CloudStorageResult::kTransferFailed, "", true); });
 
   // The timer fires, finds the configuration incomplete and keeps the task, timer stopped.
   ASSERT_TRUE(quill_test::eventually(
@@ -132,7 +132,7 @@ TEST_F(SchedulerRetryTest, RetriesWaitForTheConfigurationAndChangeAidReleasesThe
   scheduler.settle();
   scheduler.onQueue([&] {
     EXPECT_EQ(task->starts, 2);
-    EXPECT_EQ(task->state(), cloud::kRunning);
+    EXPECT_EQ(task->state(), CloudStorageState::kRunning);
     EXPECT_EQ(scheduler.logic->retryCount(), 0u);
   });
   EXPECT_EQ(upload.endCount(), 0);
@@ -140,14 +140,14 @@ TEST_F(SchedulerRetryTest, RetriesWaitForTheConfigurationAndChangeAidReleasesThe
 
 TEST_F(SchedulerRetryTest, CancellingTheLastRetryingTaskStopsTheTimer) {
   LogCapture logs;
-  RecordedRequest recorded(false, 1, "img");
+  RecordedRequest recorded(false, CloudStorageKind::kImage, "img");
   ASSERT_TRUE(scheduler.logic->addRequest(recorded.request));
   scheduler.settle();
   auto task = scheduler.task(0);
-  scheduler.onQueue([&] { task->end(-100, "500", true); });
+  scheduler.onQueue([&] { task->end(CloudStorageResult::kTransferFailed, "500", true); });
   scheduler.logic->cancelRequestWithId("img");
   ASSERT_TRUE(recorded.waitEnded());
-  EXPECT_EQ(recorded.ended().code, 3);
+  EXPECT_EQ(recorded.ended().code, CloudStorageResult::kCancelled);
   scheduler.onQueue([&] {
     EXPECT_EQ(scheduler.logic->retryCount(), 0u);
     EXPECT_FALSE(scheduler.logic->retryTimerRunning());

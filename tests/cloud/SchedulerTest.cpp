@@ -49,7 +49,11 @@ struct SchedulerTest : ::testing::Test {
 
 TEST_F(SchedulerTest, RefusesNullRequestsAndUnknownKinds) {
   EXPECT_FALSE(scheduler.logic->addRequest(nullptr));
-  for (auto [upload, kind] : {std::pair{false, 3}, {true, 4}, {true, 0}, {false, 0}, {false, -1}}) {
+  for (auto [upload, kind] : {std::pair{false, CloudStorageKind::kVideo},
+                              {true, 4},
+                              {true, 0},
+                              {false, 0},
+                              {false, -1}}) {
     auto request = std::make_shared<CloudStorageRequest>(upload);
     request->kind = kind;
     EXPECT_FALSE(scheduler.logic->addRequest(request)) << upload << " " << kind;
@@ -61,7 +65,11 @@ TEST_F(SchedulerTest, RefusesNullRequestsAndUnknownKinds) {
 TEST_F(SchedulerTest, MapsKindsToTaskTypes) {
   signIn();
   const std::vector<std::tuple<bool, int, int>> table = {
-      {true, 1, 1}, {true, 2, 2}, {true, 3, 5}, {false, 1, 3}, {false, 2, 4}};
+      {true, CloudStorageKind::kImage, CloudStorageTaskType::kImageUpload},
+      {true, CloudStorageKind::kFile, CloudStorageTaskType::kFileUpload},
+      {true, CloudStorageKind::kVideo, CloudStorageTaskType::kVideoUpload},
+      {false, CloudStorageKind::kImage, CloudStorageTaskType::kImageDownload},
+      {false, CloudStorageKind::kFile, CloudStorageTaskType::kFileDownload}};
   for (const auto& [upload, kind, type] : table) {
     EXPECT_EQ(cloud::CloudStorageLogic::taskTypeFor(upload, kind), type);
     add(upload, kind);
@@ -75,16 +83,16 @@ TEST_F(SchedulerTest, MapsKindsToTaskTypes) {
 
 TEST_F(SchedulerTest, RunsTwoUploadsAtOnce) {
   signIn();
-  auto first = add(true, 1);
-  add(true, 1);
-  add(true, 1);
+  auto first = add(true, CloudStorageKind::kImage);
+  add(true, CloudStorageKind::kImage);
+  add(true, CloudStorageKind::kImage);
   scheduler.settle();
   EXPECT_EQ(states(), (std::vector<int>{2, 2, 1}));
 
-  end(0, 2);
+  end(0, CloudStorageResult::kSuccess);
   ASSERT_TRUE(first.waitEnded());
-  EXPECT_EQ(first.ended().state, 3);
-  EXPECT_EQ(first.ended().code, 2);
+  EXPECT_EQ(first.ended().state, CloudStorageState::kFinished);
+  EXPECT_EQ(first.ended().code, CloudStorageResult::kSuccess);
   EXPECT_EQ(states(), (std::vector<int>{3, 2, 2}));
 }
 
@@ -97,14 +105,14 @@ TEST_F(SchedulerTest, RunsFourDownloadsAtOnceOldestFirst) {
   EXPECT_EQ(states(), (std::vector<int>{2, 2, 2, 2, 1, 1}));
   EXPECT_GE(logs.count(" too many tasks to run"), 2);
 
-  end(2, -2);
+  end(2, CloudStorageResult::kNotFound);
   EXPECT_EQ(states(), (std::vector<int>{2, 2, 3, 2, 2, 1}));
-  end(0, 2);
+  end(0, CloudStorageResult::kSuccess);
   EXPECT_EQ(states(), (std::vector<int>{3, 2, 3, 2, 2, 2}));
 }
 
 TEST_F(SchedulerTest, DownloadsDoNotWaitForTheConfiguration) {
-  add(false, 1);
+  add(false, CloudStorageKind::kImage);
   scheduler.settle();
   EXPECT_EQ(states(), (std::vector<int>{2}));
 }
@@ -112,9 +120,9 @@ TEST_F(SchedulerTest, DownloadsDoNotWaitForTheConfiguration) {
 TEST_F(SchedulerTest, HoldsUploadsUntilTheConfigurationIsComplete) {
   LogCapture logs;
   scheduler.logic->changeUser("app", "pin", userDirectory.path());
-  add(true, 1);
-  add(true, 2);
-  add(true, 3);
+  add(true, CloudStorageKind::kImage);
+  add(true, CloudStorageKind::kFile);
+  add(true, CloudStorageKind::kVideo);
   scheduler.settle();
   EXPECT_EQ(states(), (std::vector<int>{1, 1, 1}));
   EXPECT_TRUE(logs.contains(log4cplus::WARN_LOG_LEVEL, " waiting configuration"));
@@ -123,9 +131,9 @@ TEST_F(SchedulerTest, HoldsUploadsUntilTheConfigurationIsComplete) {
   scheduler.logic->changeAid("aid");
   scheduler.settle();
   EXPECT_EQ(states(), (std::vector<int>{2, 1, 1}));
-  end(0, 2);
+  end(0, CloudStorageResult::kSuccess);
   EXPECT_EQ(states(), (std::vector<int>{3, 2, 1}));
-  add(true, 1);
+  add(true, CloudStorageKind::kImage);
   scheduler.settle();
   EXPECT_EQ(states(), (std::vector<int>{3, 2, 2, 1}));
   EXPECT_NE(scheduler.task(0)->startedWith(), nullptr);
@@ -134,20 +142,20 @@ TEST_F(SchedulerTest, HoldsUploadsUntilTheConfigurationIsComplete) {
 
 TEST_F(SchedulerTest, UploadsNeverWaitWhenNotAskedTo) {
   FakeScheduler eager(false);
-  RecordedRequest upload(true, 1);
+  RecordedRequest upload(true, CloudStorageKind::kImage);
   ASSERT_TRUE(eager.logic->addRequest(upload.request));
   eager.settle();
   ASSERT_EQ(eager.madeCount(), 1u);
-  eager.onQueue([&] { EXPECT_EQ(eager.task(0)->state(), cloud::kRunning); });
+  eager.onQueue([&] { EXPECT_EQ(eager.task(0)->state(), CloudStorageState::kRunning); });
   eager.onQueue([&] { EXPECT_EQ(eager.logic->currentConfig().waitForConfig, 0); });
 }
 
 TEST_F(SchedulerTest, ChangeAidWithTheCurrentValueDoesNothing) {
   LogCapture logs;
   signIn();
-  add(true, 1);
-  add(true, 1);
-  add(true, 1);
+  add(true, CloudStorageKind::kImage);
+  add(true, CloudStorageKind::kImage);
+  add(true, CloudStorageKind::kImage);
   scheduler.settle();
   const int before = logs.count(" too many tasks to run");
   scheduler.logic->changeAid("aid");
@@ -161,9 +169,9 @@ TEST_F(SchedulerTest, ChangeAidWithTheCurrentValueDoesNothing) {
 
 TEST_F(SchedulerTest, DropsASecondRequestWithTheSameIdAndType) {
   LogCapture logs;
-  RecordedRequest first(false, 1, "same");
-  RecordedRequest second(false, 1, "same");
-  RecordedRequest otherType(false, 2, "same");
+  RecordedRequest first(false, CloudStorageKind::kImage, "same");
+  RecordedRequest second(false, CloudStorageKind::kImage, "same");
+  RecordedRequest otherType(false, CloudStorageKind::kFile, "same");
   ASSERT_TRUE(scheduler.logic->addRequest(first.request));
   ASSERT_TRUE(scheduler.logic->addRequest(second.request)) << "dropped later, on the queue";
   ASSERT_TRUE(scheduler.logic->addRequest(otherType.request));
@@ -173,11 +181,11 @@ TEST_F(SchedulerTest, DropsASecondRequestWithTheSameIdAndType) {
   EXPECT_TRUE(logs.contains(log4cplus::INFO_LOG_LEVEL, " task exist"));
   EXPECT_TRUE(logs.contains(log4cplus::DEBUG_LOG_LEVEL, " addTaskWithReqest"));
 
-  end(0, 2);
+  end(0, CloudStorageResult::kSuccess);
   ASSERT_TRUE(first.waitEnded());
   EXPECT_EQ(second.endCount(), 0);
   // Once the first has ended, the id is free again.
-  RecordedRequest third(false, 1, "same");
+  RecordedRequest third(false, CloudStorageKind::kImage, "same");
   ASSERT_TRUE(scheduler.logic->addRequest(third.request));
   scheduler.settle();
   EXPECT_EQ(scheduler.madeCount(), 3u);
@@ -185,9 +193,9 @@ TEST_F(SchedulerTest, DropsASecondRequestWithTheSameIdAndType) {
 
 TEST_F(SchedulerTest, CancelsByIdAndIgnoresUnknownIds) {
   for (int i = 0; i < 5; ++i) {
-    add(false, 1);
+    add(false, CloudStorageKind::kImage);
   }
-  RecordedRequest target(false, 2, "target");
+  RecordedRequest target(false, CloudStorageKind::kFile, "target");
   ASSERT_TRUE(scheduler.logic->addRequest(target.request));
   scheduler.logic->cancelRequestWithId("unknown");
   scheduler.settle();
@@ -195,8 +203,8 @@ TEST_F(SchedulerTest, CancelsByIdAndIgnoresUnknownIds) {
 
   scheduler.logic->cancelRequestWithId("target");
   ASSERT_TRUE(target.waitEnded());
-  EXPECT_EQ(target.ended().state, 3);
-  EXPECT_EQ(target.ended().code, 3);
+  EXPECT_EQ(target.ended().state, CloudStorageState::kFinished);
+  EXPECT_EQ(target.ended().code, CloudStorageResult::kCancelled);
   EXPECT_EQ(target.ended().message, "");
   EXPECT_EQ(scheduler.task(5)->cancels, 1);
   EXPECT_EQ(scheduler.task(4)->cancels, 0);
@@ -215,7 +223,7 @@ TEST_F(SchedulerTest, CancelAllEndsEveryRequestOnce) {
   for (auto& request : requests) {
     ASSERT_TRUE(request.waitEnded());
     EXPECT_EQ(request.endCount(), 1);
-    EXPECT_EQ(request.ended().code, 3);
+    EXPECT_EQ(request.ended().code, CloudStorageResult::kCancelled);
   }
   scheduler.settle();
   EXPECT_EQ(scheduler.logic->taskCount(), 0u);
@@ -223,7 +231,7 @@ TEST_F(SchedulerTest, CancelAllEndsEveryRequestOnce) {
 
 TEST_F(SchedulerTest, ChangeUserMakesThePerUserCacheDirectory) {
   LogCapture logs;
-  add(false, 1);  // before any user: the task carries no cache path
+  add(false, CloudStorageKind::kImage);  // before any user: the task carries no cache path
   scheduler.settle();
   EXPECT_TRUE(logs.contains(log4cplus::DEBUG_LOG_LEVEL, "user directory not exists, "));
 
@@ -250,25 +258,26 @@ TEST_F(SchedulerTest, ChangeUserMakesThePerUserCacheDirectory) {
 }
 
 TEST_F(SchedulerTest, ASecondEndingOfATaskIsNotReported) {
-  auto recorded = add(false, 2);
+  auto recorded = add(false, CloudStorageKind::kFile);
   scheduler.settle();
   auto task = scheduler.task(0);
   scheduler.onQueue([&] {
-    task->end(-100, "500", false);
-    task->end(2, "", false);  // e.g. a completion already posted when the task was cancelled
+    task->end(CloudStorageResult::kTransferFailed, "500", false);
+    task->end(CloudStorageResult::kSuccess, "",
+              false);  // e.g. a completion already posted when the task was cancelled
   });
   ASSERT_TRUE(recorded.waitEnded());
   scheduler.settle();
   EXPECT_EQ(recorded.endCount(), 1);
-  EXPECT_EQ(recorded.ended().code, -100);
+  EXPECT_EQ(recorded.ended().code, CloudStorageResult::kTransferFailed);
 }
 
 TEST_F(SchedulerTest, AFileDownloadAskingForARetryEndsAtOnce) {
-  auto recorded = add(false, 2);
+  auto recorded = add(false, CloudStorageKind::kFile);
   scheduler.settle();
-  end(0, -100, true);
+  end(0, CloudStorageResult::kTransferFailed, true);
   ASSERT_TRUE(recorded.waitEnded(std::chrono::milliseconds(1000)));
-  EXPECT_EQ(recorded.ended().code, -100);
+  EXPECT_EQ(recorded.ended().code, CloudStorageResult::kTransferFailed);
   scheduler.onQueue([&] {
     EXPECT_EQ(scheduler.logic->retryCount(), 0u);
     EXPECT_FALSE(scheduler.logic->retryTimerRunning());

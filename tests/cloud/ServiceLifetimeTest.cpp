@@ -16,7 +16,7 @@ struct ServiceLifetimeTest : ::testing::Test, DownloadFixture {};
 TEST_F(ServiceLifetimeTest, RefusesNullRequestsAndUnknownKinds) {
   EXPECT_FALSE(service->excuteRequest(nullptr));
   auto video = std::make_shared<CloudStorageRequest>(false);
-  video->kind = 3;
+  video->kind = CloudStorageKind::kVideo;
   EXPECT_FALSE(service->excuteRequest(video));
   auto upload = std::make_shared<CloudStorageRequest>(true);
   upload->kind = 4;
@@ -24,20 +24,20 @@ TEST_F(ServiceLifetimeTest, RefusesNullRequestsAndUnknownKinds) {
 }
 
 TEST_F(ServiceLifetimeTest, CancellingAnUnknownIdDoesNothing) {
-  auto recorded = download(2, "https://files.test/a", "a");
+  auto recorded = download(CloudStorageKind::kFile, "https://files.test/a", "a");
   ASSERT_TRUE(service->excuteRequest(recorded.request));
   ASSERT_TRUE(transport->waitForCalls(1));
   service->cancelReqestWithID("nobody");
   service->cancelReqestWithID("");
   transport->succeedDownload(transport->call(0).id, "a");
   ASSERT_TRUE(recorded.waitEnded());
-  EXPECT_EQ(recorded.ended().code, 2);
+  EXPECT_EQ(recorded.ended().code, CloudStorageResult::kSuccess);
   EXPECT_TRUE(transport->cancelledIds().empty());
 }
 
 TEST_F(ServiceLifetimeTest, DestroyingTheServiceMidDownloadCallsNothingAndAbandonsTheTransfer) {
   signIn();
-  auto recorded = download(2, "https://files.test/a", "a");
+  auto recorded = download(CloudStorageKind::kFile, "https://files.test/a", "a");
   recorded.recordProgress();
   ASSERT_TRUE(service->excuteRequest(recorded.request));
   ASSERT_TRUE(transport->waitForCalls(1));
@@ -52,7 +52,7 @@ TEST_F(ServiceLifetimeTest, DestroyingTheServiceMidDownloadCallsNothingAndAbando
   transport->drain();
   EXPECT_EQ(recorded.endCount(), 0);
   EXPECT_TRUE(recorded.percents().empty());
-  EXPECT_EQ(recorded.request->resultCode, 1);
+  EXPECT_EQ(recorded.request->resultCode, CloudStorageResult::kPending);
 }
 
 TEST_F(ServiceLifetimeTest, ACallbackMayDestroyTheService) {
@@ -62,7 +62,8 @@ TEST_F(ServiceLifetimeTest, ACallbackMayDestroyTheService) {
   // after that write.
   quill_test::EventCounter released;
   for (int i = 0; i < 3; ++i) {
-    requests.push_back(download(1, "https://files.test/" + std::to_string(i), std::to_string(i)));
+    requests.push_back(download(CloudStorageKind::kImage, "https://files.test/" + std::to_string(i),
+                                std::to_string(i)));
     requests.back().request->stateCallback = [&](std::shared_ptr<CloudStorageRequest>, int) {
       ++calls;
       service.reset();  // from the service's own queue
@@ -102,7 +103,7 @@ TEST_F(ServiceLifetimeTest, ManyServicesComeAndGoWithWorkInFlight) {
   for (auto& request : requests) {
     EXPECT_LE(request.endCount(), 1);
     if (request.endCount() == 1) {
-      EXPECT_EQ(request.ended().code, 3);
+      EXPECT_EQ(request.ended().code, CloudStorageResult::kCancelled);
     }
   }
 }

@@ -10,11 +10,11 @@ namespace {
 
 struct TaskBaseTest : ::testing::Test {
   std::shared_ptr<SerialQueue> queue = std::make_shared<SerialQueue>("task base");
-  RecordedRequest recorded{false, 1};
+  RecordedRequest recorded{false, CloudStorageKind::kImage};
   std::vector<std::pair<std::shared_ptr<cloud::ITask>, bool>> completions;
   std::shared_ptr<FakeTask> task =
-      std::make_shared<FakeTask>("/cache", cloud::kImageDownload, recorded.request, queue,
-                                 [this](std::shared_ptr<cloud::ITask> ended, bool retry) {
+      std::make_shared<FakeTask>("/cache", CloudStorageTaskType::kImageDownload, recorded.request,
+                                 queue, [this](std::shared_ptr<cloud::ITask> ended, bool retry) {
                                    completions.emplace_back(ended, retry);
                                  });
 
@@ -63,9 +63,9 @@ TEST_F(TaskBaseTest, NeverReportsADecrease) {
 
 TEST_F(TaskBaseTest, FailWritesTheOutcomeAndAsksForTheRetry) {
   runOnQueue(*queue, [&] { task->fail("x", true); });
-  EXPECT_EQ(recorded.request->resultCode, -1);
+  EXPECT_EQ(recorded.request->resultCode, CloudStorageResult::kFailed);
   EXPECT_EQ(recorded.request->resultMessage, "x");
-  EXPECT_EQ(task->state(), cloud::kFinished);
+  EXPECT_EQ(task->state(), CloudStorageState::kFinished);
   ASSERT_EQ(completions.size(), 1u);
   EXPECT_EQ(completions[0].first, task);
   EXPECT_TRUE(completions[0].second);
@@ -73,10 +73,12 @@ TEST_F(TaskBaseTest, FailWritesTheOutcomeAndAsksForTheRetry) {
 
 TEST_F(TaskBaseTest, FinishWithTheRequestsOwnMessageKeepsIt) {
   recorded.request->resultMessage = "kept";
-  runOnQueue(*queue,
-             [&] { task->finish(cloud::kFinished, 2, recorded.request->resultMessage, false); });
+  runOnQueue(*queue, [&] {
+    task->finish(CloudStorageState::kFinished, CloudStorageResult::kSuccess,
+                 recorded.request->resultMessage, false);
+  });
   EXPECT_EQ(recorded.request->resultMessage, "kept");
-  EXPECT_EQ(recorded.request->resultCode, 2);
+  EXPECT_EQ(recorded.request->resultCode, CloudStorageResult::kSuccess);
 }
 
 TEST_F(TaskBaseTest, ProgressOfAGoneTaskRunsNothing) {
@@ -121,6 +123,6 @@ TEST(TaskBase, TypesIdsAndSameness) {
   auto noRequest = std::make_shared<FakeTask>("", 3, nullptr, queue, nullptr);
   EXPECT_FALSE(noRequest->hasRequestId(""));
   EXPECT_FALSE(a->isSameTask(noRequest));
-  EXPECT_EQ(a->state(), cloud::kWaiting);
+  EXPECT_EQ(a->state(), CloudStorageState::kWaiting);
   EXPECT_EQ(a->type(), 3);
 }

@@ -18,8 +18,9 @@ struct TaskTableTest : ::testing::Test {
   TaskTable table;
 
   std::shared_ptr<FakeTask> make(const std::string& requestId, int type) {
-    const bool upload =
-        type == cloud::kImageUpload || type == cloud::kFileUpload || type == cloud::kVideoUpload;
+    const bool upload = type == CloudStorageTaskType::kImageUpload ||
+                        type == CloudStorageTaskType::kFileUpload ||
+                        type == CloudStorageTaskType::kVideoUpload;
     auto request = std::make_shared<CloudStorageRequest>(upload);
     request->requestId = requestId;
     return std::make_shared<FakeTask>("", type, request, queue, nullptr);
@@ -34,9 +35,9 @@ struct TaskTableTest : ::testing::Test {
 }  // namespace
 
 TEST_F(TaskTableTest, KeepsTasksInOrderOfArrival) {
-  auto a = add("a", cloud::kFileDownload);
-  auto b = add("b", cloud::kImageUpload);
-  auto c = add("c", cloud::kImageDownload);
+  auto a = add("a", CloudStorageTaskType::kFileDownload);
+  auto b = add("b", CloudStorageTaskType::kImageUpload);
+  auto c = add("c", CloudStorageTaskType::kImageDownload);
   EXPECT_EQ(table.size(), 3u);
   EXPECT_EQ(table.all(), (std::vector<std::shared_ptr<cloud::ITask>>{a, b, c}));
   table.add(b);
@@ -44,23 +45,23 @@ TEST_F(TaskTableTest, KeepsTasksInOrderOfArrival) {
 }
 
 TEST_F(TaskTableTest, FindsByRequestIdAndType) {
-  auto download = add("same", cloud::kFileDownload);
-  auto upload = add("same", cloud::kFileUpload);
-  add("other", cloud::kFileDownload);
-  EXPECT_EQ(table.find("same", cloud::kFileDownload), download);
-  EXPECT_EQ(table.find("same", cloud::kFileUpload), upload);
-  EXPECT_EQ(table.find("same", cloud::kImageDownload), nullptr);
-  EXPECT_EQ(table.find("nobody", cloud::kFileDownload), nullptr);
+  auto download = add("same", CloudStorageTaskType::kFileDownload);
+  auto upload = add("same", CloudStorageTaskType::kFileUpload);
+  add("other", CloudStorageTaskType::kFileDownload);
+  EXPECT_EQ(table.find("same", CloudStorageTaskType::kFileDownload), download);
+  EXPECT_EQ(table.find("same", CloudStorageTaskType::kFileUpload), upload);
+  EXPECT_EQ(table.find("same", CloudStorageTaskType::kImageDownload), nullptr);
+  EXPECT_EQ(table.find("nobody", CloudStorageTaskType::kFileDownload), nullptr);
   EXPECT_EQ(table.withRequestId("same"),
             (std::vector<std::shared_ptr<cloud::ITask>>{download, upload}));
   EXPECT_TRUE(table.withRequestId("nobody").empty());
 }
 
 TEST_F(TaskTableTest, EachDirectionWaitsInItsOwnLineOldestFirst) {
-  auto d1 = add("d1", cloud::kFileDownload);
-  auto u1 = add("u1", cloud::kVideoUpload);
-  auto d2 = add("d2", cloud::kImageDownload);
-  auto u2 = add("u2", cloud::kImageUpload);
+  auto d1 = add("d1", CloudStorageTaskType::kFileDownload);
+  auto u1 = add("u1", CloudStorageTaskType::kVideoUpload);
+  auto d2 = add("d2", CloudStorageTaskType::kImageDownload);
+  auto u2 = add("u2", CloudStorageTaskType::kImageUpload);
   EXPECT_EQ(table.takeNextWaiting(Direction::Upload), u1);
   EXPECT_EQ(table.takeNextWaiting(Direction::Download), d1);
   EXPECT_EQ(table.takeNextWaiting(Direction::Download), d2);
@@ -71,45 +72,45 @@ TEST_F(TaskTableTest, EachDirectionWaitsInItsOwnLineOldestFirst) {
 }
 
 TEST_F(TaskTableTest, TasksThatLeftOrEndedAreNotTakenFromTheLine) {
-  auto removed = add("removed", cloud::kFileDownload);
-  auto ended = add("ended", cloud::kFileDownload);
-  auto next = add("next", cloud::kFileDownload);
+  auto removed = add("removed", CloudStorageTaskType::kFileDownload);
+  auto ended = add("ended", CloudStorageTaskType::kFileDownload);
+  auto next = add("next", CloudStorageTaskType::kFileDownload);
   EXPECT_TRUE(table.remove(removed.get()));
-  ended->end(3, "", false);
+  ended->end(CloudStorageResult::kCancelled, "", false);
   EXPECT_EQ(table.takeNextWaiting(Direction::Download), next);
 }
 
 TEST_F(TaskTableTest, CountsTheStartedTasksThatRunPerDirection) {
-  auto d1 = add("d1", cloud::kFileDownload);
-  auto d2 = add("d2", cloud::kFileDownload);
-  auto u1 = add("u1", cloud::kFileUpload);
+  auto d1 = add("d1", CloudStorageTaskType::kFileDownload);
+  auto d2 = add("d2", CloudStorageTaskType::kFileDownload);
+  auto u1 = add("u1", CloudStorageTaskType::kFileUpload);
   for (const auto& task : {d1, d2, u1}) {
     table.markStarted(task.get());
     task->startWithConfig(&config);
   }
   EXPECT_EQ(table.runningCount(Direction::Download), 2u);
   EXPECT_EQ(table.runningCount(Direction::Upload), 1u);
-  d1->end(2, "", false);
+  d1->end(CloudStorageResult::kSuccess, "", false);
   EXPECT_EQ(table.runningCount(Direction::Download), 1u) << "an ended task does not run";
   table.markStopped(d2.get());
   EXPECT_EQ(table.runningCount(Direction::Download), 0u);
   table.markStarted(d2.get());
   EXPECT_EQ(table.runningCount(Direction::Download), 1u) << "a retry starts it again";
-  auto outsider = make("outsider", cloud::kFileUpload);
+  auto outsider = make("outsider", CloudStorageTaskType::kFileUpload);
   table.markStarted(outsider.get());
   outsider->startWithConfig(&config);
   EXPECT_EQ(table.runningCount(Direction::Upload), 1u) << "only tasks of the table count";
 }
 
 TEST_F(TaskTableTest, RemoveTakesATaskOutOfEveryIndexOnce) {
-  auto task = add("gone", cloud::kFileUpload);
-  auto kept = add("gone", cloud::kFileDownload);
+  auto task = add("gone", CloudStorageTaskType::kFileUpload);
+  auto kept = add("gone", CloudStorageTaskType::kFileDownload);
   table.markStarted(task.get());
   task->startWithConfig(&config);
   EXPECT_TRUE(table.remove(task.get()));
   EXPECT_FALSE(table.remove(task.get()));
   EXPECT_FALSE(table.contains(task.get()));
-  EXPECT_EQ(table.find("gone", cloud::kFileUpload), nullptr);
+  EXPECT_EQ(table.find("gone", CloudStorageTaskType::kFileUpload), nullptr);
   EXPECT_EQ(table.withRequestId("gone"), (std::vector<std::shared_ptr<cloud::ITask>>{kept}));
   EXPECT_EQ(table.runningCount(Direction::Upload), 0u);
   EXPECT_EQ(table.takeNextWaiting(Direction::Upload), nullptr);

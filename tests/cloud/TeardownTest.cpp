@@ -22,11 +22,13 @@ public:
 
   bool startWithConfig(CloudStorageConfig* started) override {
     config = started;
-    taskState = cloud::kRunning;
-    transferId = "latched";
+    enterRunning();
+    holdTransfer("latched");
     return true;
   }
-  void cancel() override { finish(cloud::kFinished, 3, "", false); }
+  void cancel() override {
+    finish(CloudStorageState::kFinished, CloudStorageResult::kCancelled, "", false);
+  }
 
   void postLatched(std::shared_future<void> latch, EventCounter& entered, std::string& seenAppId,
                    EventCounter& done) {
@@ -59,7 +61,7 @@ TEST(SchedulerTeardown, WaitsForATaskClosureRunningOnTheQueue) {
         return task;
       });
   logic->changeUser("teardown-application-identity", "pin", user.path());
-  RecordedRequest recorded(false, 2);
+  RecordedRequest recorded(false, CloudStorageKind::kFile);
   recorded.request->url = "https://files.test/a";
   ASSERT_TRUE(logic->addRequest(recorded.request));
   const auto task = [&] {
@@ -72,7 +74,7 @@ TEST(SchedulerTeardown, WaitsForATaskClosureRunningOnTheQueue) {
     bool running = false;
     quill_test::runOnQueue(*queue, [&] {
       auto started = task();
-      running = started && started->state() == cloud::kRunning;
+      running = started && started->state() == CloudStorageState::kRunning;
     });
     return running;
   }));

@@ -33,13 +33,16 @@ inline int fuzzSignatureReply(const SignatureRoute& route, const std::uint8_t* d
   auto end = harness.ended();
   auto upload = harness.laterCalls();
   if (response->outcome == HttpResponse::kCancelled) {
-    check(end.count == 1 && end.code == 3, "a cancelled signature request ends with 3");
+    check(end.count == 1 && end.code == CloudStorageResult::kCancelled,
+          "a cancelled signature request ends with 3");
   } else if (response->outcome != HttpResponse::kCompleted) {
-    check(end.count == 1 && end.code == -100 &&
+    check(end.count == 1 && end.code == CloudStorageResult::kTransferFailed &&
               end.message == "request signature failed, " + std::to_string(response->status),
           "a failed signature request ends with -100 and the status");
   } else if (end.count == 1) {
-    check(end.code == -100 && route.refusalIsValid(end) && upload.empty(), route.refusal);
+    check(end.code == CloudStorageResult::kTransferFailed && route.refusalIsValid(end) &&
+              upload.empty(),
+          route.refusal);
   } else {
     check(end.count == 0 && upload.size() == 1 && route.uploadIsValid(upload[0]), route.upload);
     auto done = std::make_shared<HttpResponse>();
@@ -48,7 +51,7 @@ inline int fuzzSignatureReply(const SignatureRoute& route, const std::uint8_t* d
     upload[0].spec.completion(done);
     harness.onQueue([] {});
     end = harness.ended();
-    check(end.count == 1 && end.code == 2 && hasScheme(end.url),
+    check(end.count == 1 && end.code == CloudStorageResult::kSuccess && hasScheme(end.url),
           "the upload ends with 2 and the reply's address with a scheme");
   }
   harness.release();

@@ -97,7 +97,8 @@ inline std::shared_ptr<cloud::CloudStorageLogic> makeCountingScheduler(
           }
           completion(std::move(task), retry);
         };
-        if (type == cloud::kImageDownload || type == cloud::kFileDownload) {
+        if (type == CloudStorageTaskType::kImageDownload ||
+            type == CloudStorageTaskType::kFileDownload) {
           return std::make_shared<Counted<cloud::DownloadTask>>(
               counts, cachePath, type, std::move(request), std::move(queue), counted);
         }

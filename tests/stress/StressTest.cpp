@@ -270,7 +270,7 @@ void expectDownloadOutcome(const Planned& p, int code, const std::string& messag
     case Fault::None:
     case Fault::Slow:
     case Fault::Malformed:
-      EXPECT_EQ(code, 2);
+      EXPECT_EQ(code, CloudStorageResult::kSuccess);
       EXPECT_EQ(message, "");
       break;
     case Fault::Status: {
@@ -285,7 +285,7 @@ void expectDownloadOutcome(const Planned& p, int code, const std::string& messag
     case Fault::Drop:
     case Fault::Stall:
       // The status line (200) had arrived when the body broke off.
-      EXPECT_EQ(code, -100);
+      EXPECT_EQ(code, CloudStorageResult::kTransferFailed);
       EXPECT_EQ(message, "200");
       break;
   }
@@ -442,7 +442,7 @@ TEST_F(Stress, MixedRequestsWithFaultsCancelsAndAccountChanges) {
     SCOPED_TRACE("request " + std::to_string(p->index) + " kind " +
                  std::to_string(static_cast<int>(p->kind)) + " fault " + faultName(p->fault));
     EXPECT_EQ(p->endings, 1);
-    EXPECT_EQ(p->state, 3);
+    EXPECT_EQ(p->state, CloudStorageState::kFinished);
     const bool mayBeCancelled = p->cancelAfterMs >= 0 || p->beforeCancelAll;
     tally[p->code == 2 ? "succeeded" : p->code == 3 ? "cancelled" : "failed"]++;
     if (isDownload(p->kind)) {

@@ -31,17 +31,17 @@ TEST(FileServiceUpload, SuccessReportsTheStoredPathWithAScheme) {
   UploadHarness harness(1);
   const auto end =
       harness.startAndEndFirstTransfer(0, 200, R"({"code":0,"path":"//files.test/files/k.png"})");
-  EXPECT_EQ(end.code, 2);
+  EXPECT_EQ(end.code, CloudStorageResult::kSuccess);
   EXPECT_EQ(end.message, "");
   EXPECT_EQ(end.url, "https://files.test/files/k.png");
   EXPECT_FALSE(end.retry);
-  harness.onQueue([&] { EXPECT_EQ(harness.task->state(), cloud::kFinished); });
+  harness.onQueue([&] { EXPECT_EQ(harness.task->state(), CloudStorageState::kFinished); });
 }
 
 TEST(FileServiceUpload, APathWithoutCodeIsASuccessAndAHostGainsTheScheme) {
   UploadHarness harness(1);
   const auto end = harness.startAndEndFirstTransfer(0, 200, R"({"path":"files.test/files/k.png"})");
-  EXPECT_EQ(end.code, 2);
+  EXPECT_EQ(end.code, CloudStorageResult::kSuccess);
   EXPECT_EQ(end.url, "https://files.test/files/k.png");
 }
 
@@ -50,7 +50,7 @@ TEST(FileServiceUpload, MissingOrEmptyPathFails) {
     LogCapture logs;
     UploadHarness harness(1);
     const auto end = harness.startAndEndFirstTransfer(0, 200, body);
-    EXPECT_EQ(end.code, -100);
+    EXPECT_EQ(end.code, CloudStorageResult::kTransferFailed);
     EXPECT_EQ(end.message, "path is empty");
     EXPECT_EQ(end.url, "");
     EXPECT_TRUE(
@@ -62,13 +62,13 @@ TEST(FileServiceUpload, AServerRefusalCarriesItsMessage) {
   LogCapture logs;
   UploadHarness withMessage(1);
   auto end = withMessage.startAndEndFirstTransfer(0, 200, R"({"code":17,"msg":"no quota"})");
-  EXPECT_EQ(end.code, -100);
+  EXPECT_EQ(end.code, CloudStorageResult::kTransferFailed);
   EXPECT_EQ(end.message, "no quota");
   EXPECT_TRUE(logs.contains(log4cplus::ERROR_LOG_LEVEL, "upload file error: 17msg: no quota"));
 
   UploadHarness withoutMessage(1);
   end = withoutMessage.startAndEndFirstTransfer(0, 200, R"({"code":5})");
-  EXPECT_EQ(end.code, -100);
+  EXPECT_EQ(end.code, CloudStorageResult::kTransferFailed);
   EXPECT_EQ(end.message, "");
   EXPECT_TRUE(logs.contains(log4cplus::ERROR_LOG_LEVEL, "upload file error: 5msg: "));
 }
@@ -77,7 +77,7 @@ TEST(FileServiceUpload, AReplyThatIsNotJsonFails) {
   LogCapture logs;
   UploadHarness harness(1);
   const auto end = harness.startAndEndFirstTransfer(0, 200, "<html>oops</html>");
-  EXPECT_EQ(end.code, -100);
+  EXPECT_EQ(end.code, CloudStorageResult::kTransferFailed);
   EXPECT_EQ(end.message, "parse response failed");
   EXPECT_TRUE(
       logs.contains(log4cplus::ERROR_LOG_LEVEL, "parse response failed\n<html>oops</html>"));
@@ -89,7 +89,7 @@ TEST(FileServiceUpload, ACancelledTransferEndsWithCodeThreeAndStillLogs) {
   LogCapture logs;
   UploadHarness harness(1);
   const auto end = harness.startAndEndFirstTransfer(1, 0, "aborted");
-  EXPECT_EQ(end.code, 3);
+  EXPECT_EQ(end.code, CloudStorageResult::kCancelled);
   EXPECT_EQ(end.message, "");
   EXPECT_TRUE(logs.contains(log4cplus::ERROR_LOG_LEVEL, "upload failed, code:0\naborted"));
 }
@@ -97,12 +97,12 @@ TEST(FileServiceUpload, ACancelledTransferEndsWithCodeThreeAndStillLogs) {
 TEST(FileServiceUpload, AFailedTransferCarriesTheDescription) {
   UploadHarness harness(1);
   auto end = harness.startAndEndFirstTransfer(2, 500, "HTTP/1.1 500 Internal Server Error");
-  EXPECT_EQ(end.code, -100);
+  EXPECT_EQ(end.code, CloudStorageResult::kTransferFailed);
   EXPECT_EQ(end.message, "HTTP/1.1 500 Internal Server Error");
 
   UploadHarness silent(1);
   end = silent.startAndEndFirstTransfer(2, 0, "");
-  EXPECT_EQ(end.code, -100);
+  EXPECT_EQ(end.code, CloudStorageResult::kTransferFailed);
   EXPECT_EQ(end.message, "") << "this route adds no text of its own";
 }
 
@@ -112,7 +112,7 @@ TEST(FileServiceUpload, AnIncompleteConfigurationStartsNoTransfer) {
   harness.config.aid.clear();
   EXPECT_TRUE(harness.start());
   ASSERT_TRUE(harness.waitEnded());
-  EXPECT_EQ(harness.lastEnd().code, -1);
+  EXPECT_EQ(harness.lastEnd().code, CloudStorageResult::kFailed);
   EXPECT_EQ(harness.lastEnd().message, "upload request invaild");
   EXPECT_TRUE(logs.contains(log4cplus::ERROR_LOG_LEVEL, "upload parts is empty"));
   EXPECT_TRUE(harness.transport->startedCalls().empty());

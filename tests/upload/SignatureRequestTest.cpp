@@ -65,14 +65,14 @@ TEST(SignatureRequest, AnIncompleteConfigurationFailsWithoutARequest) {
   file.config.pin.clear();
   EXPECT_TRUE(file.start());
   ASSERT_TRUE(file.waitEnded());
-  EXPECT_EQ(file.lastEnd().code, -1);
+  EXPECT_EQ(file.lastEnd().code, CloudStorageResult::kFailed);
   EXPECT_EQ(file.lastEnd().message, "request file signature param invaild");
 
   UploadHarness video(5);
   video.config.appId.clear();
   EXPECT_TRUE(video.start());
   ASSERT_TRUE(video.waitEnded());
-  EXPECT_EQ(video.lastEnd().code, -1);
+  EXPECT_EQ(video.lastEnd().code, CloudStorageResult::kFailed);
   EXPECT_EQ(video.lastEnd().message, "request video signature param invaild");
   EXPECT_TRUE(file.transport->startedCalls().empty());
   EXPECT_TRUE(video.transport->startedCalls().empty());
@@ -125,11 +125,11 @@ TEST(SignatureRequest, AnAcceptedReplyStartsTheObjectStorageUpload) {
   EXPECT_EQ(put.url, "https://o.test/objects/k?sig=1");
   EXPECT_EQ(put.path, harness.filePath());
   EXPECT_EQ(harness.endCount(), 0);
-  harness.onQueue([&] { EXPECT_EQ(harness.task->state(), cloud::kRunning); });
+  harness.onQueue([&] { EXPECT_EQ(harness.task->state(), CloudStorageState::kRunning); });
 
   harness.transport->end(harness.transport->call(1).id, 0, 200, "");
   ASSERT_TRUE(harness.waitEnded());
-  EXPECT_EQ(harness.lastEnd().code, 2);
+  EXPECT_EQ(harness.lastEnd().code, CloudStorageResult::kSuccess);
   EXPECT_EQ(harness.lastEnd().url, "https://o.test/objects/k");
 }
 
@@ -162,14 +162,14 @@ TEST(SignatureRequest, VideoRefusals) {
     LogCapture logs;
     UploadHarness harness(5, "clip.mp4");
     const auto end = harness.startAndEndFirstTransfer(0, 200, body);
-    EXPECT_EQ(end.code, -100);
+    EXPECT_EQ(end.code, CloudStorageResult::kTransferFailed);
     EXPECT_EQ(end.message, message);
     EXPECT_TRUE(
         logs.contains(log4cplus::ERROR_LOG_LEVEL, "request signature failed, code:200\n" + body));
   }
   UploadHarness failed(5, "clip.mp4");
   const auto end = failed.startAndEndFirstTransfer(2, 403, "HTTP/1.1 403 Forbidden");
-  EXPECT_EQ(end.code, -100);
+  EXPECT_EQ(end.code, CloudStorageResult::kTransferFailed);
   EXPECT_EQ(end.message, "request signature failed, 403");
 }
 

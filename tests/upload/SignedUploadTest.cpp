@@ -29,7 +29,7 @@ TEST(SignedUpload, ACompletedTransferIgnoresTheReplyBody) {
   const auto id = signAndStart(harness, kFileSignature);
   harness.transport->end(id, 0, 200, R"({"code":500,"msg":"error text"})");
   ASSERT_TRUE(harness.waitEnded());
-  EXPECT_EQ(harness.lastEnd().code, 2);
+  EXPECT_EQ(harness.lastEnd().code, CloudStorageResult::kSuccess);
   EXPECT_EQ(harness.lastEnd().message, "");
   EXPECT_EQ(harness.lastEnd().url, "https://o.test/objects/k");
 }
@@ -40,7 +40,7 @@ TEST(SignedUpload, FailuresWithAndWithoutDescription) {
   auto id = signAndStart(described, kFileSignature);
   described.transport->end(id, 2, 500, "HTTP/1.1 500 Internal Server Error");
   ASSERT_TRUE(described.waitEnded());
-  EXPECT_EQ(described.lastEnd().code, -100);
+  EXPECT_EQ(described.lastEnd().code, CloudStorageResult::kTransferFailed);
   EXPECT_EQ(described.lastEnd().message, "HTTP/1.1 500 Internal Server Error");
   EXPECT_EQ(described.lastEnd().url, "");
   EXPECT_TRUE(logs.contains(log4cplus::ERROR_LOG_LEVEL,
@@ -50,7 +50,7 @@ TEST(SignedUpload, FailuresWithAndWithoutDescription) {
   id = signAndStart(bare, kFileSignature);
   bare.transport->end(id, 2, 403, "");
   ASSERT_TRUE(bare.waitEnded());
-  EXPECT_EQ(bare.lastEnd().code, -100);
+  EXPECT_EQ(bare.lastEnd().code, CloudStorageResult::kTransferFailed);
   EXPECT_EQ(bare.lastEnd().message, "upload failed, 403");
   EXPECT_TRUE(logs.contains(log4cplus::ERROR_LOG_LEVEL, "upload failed, code:403 desc:"));
 }
@@ -61,7 +61,7 @@ TEST(SignedUpload, ACancelledTransferSaysUploadCancel) {
     const auto id = signAndStart(harness, signature);
     harness.transport->end(id, 1, 0, "");
     ASSERT_TRUE(harness.waitEnded());
-    EXPECT_EQ(harness.lastEnd().code, 3);
+    EXPECT_EQ(harness.lastEnd().code, CloudStorageResult::kCancelled);
     EXPECT_EQ(harness.lastEnd().message, "upload cancel");
   }
 }
@@ -72,7 +72,7 @@ TEST(SignedUpload, AnEmptyUploadPathStillCallsTheNetworkAndFails) {
   EXPECT_EQ(harness.transport->call(1).spec.kind, Kind::PutFile);
   harness.transport->end(id, 2, 0, "URL rejected: Malformed input to a URL function");
   ASSERT_TRUE(harness.waitEnded());
-  EXPECT_EQ(harness.lastEnd().code, -100);
+  EXPECT_EQ(harness.lastEnd().code, CloudStorageResult::kTransferFailed);
 }
 
 TEST(SignedUpload, TheVideoIsOnePartNamedAfterTheFile) {
@@ -89,7 +89,7 @@ TEST(SignedUpload, TheVideoIsOnePartNamedAfterTheFile) {
 
   harness.transport->end(id, 0, 200, "");
   ASSERT_TRUE(harness.waitEnded());
-  EXPECT_EQ(harness.lastEnd().code, 2);
+  EXPECT_EQ(harness.lastEnd().code, CloudStorageResult::kSuccess);
   EXPECT_EQ(harness.lastEnd().url, "https://v.test/vod/7.mp4");
 }
 
@@ -102,11 +102,11 @@ TEST(SignedUpload, AVideoWhoseConfigurationLostItsPinStaysRunning) {
   harness.transport->end(harness.transport->call(0).id, 0, 200, kVideoSignature);
   ASSERT_TRUE(quill_test::eventually(
       [&] { return logs.contains(log4cplus::ERROR_LOG_LEVEL, "upload parts is empty"); }));
-  harness.onQueue([&] { EXPECT_EQ(harness.task->state(), cloud::kRunning); });
+  harness.onQueue([&] { EXPECT_EQ(harness.task->state(), CloudStorageState::kRunning); });
   EXPECT_EQ(harness.transport->startedCalls().size(), 1u);
   EXPECT_EQ(harness.endCount(), 0);
 
   harness.onQueue([&] { harness.task->cancel(); });
   ASSERT_TRUE(harness.waitEnded());
-  EXPECT_EQ(harness.lastEnd().code, 3);
+  EXPECT_EQ(harness.lastEnd().code, CloudStorageResult::kCancelled);
 }

@@ -10,7 +10,7 @@ TEST(UploadCancel, AWaitingTaskEndsAtOnce) {
   UploadHarness harness(1);
   harness.onQueue([&] { harness.task->cancel(); });
   ASSERT_EQ(harness.endCount(), 1);
-  EXPECT_EQ(harness.lastEnd().code, 3);
+  EXPECT_EQ(harness.lastEnd().code, CloudStorageResult::kCancelled);
   EXPECT_EQ(harness.lastEnd().message, "");
   EXPECT_TRUE(logs.contains(log4cplus::INFO_LOG_LEVEL, "cancel the waiting task"));
   EXPECT_TRUE(harness.transport->cancelledIds().empty());
@@ -23,7 +23,7 @@ TEST(UploadCancel, DuringTheSignatureRequestOnlyThatIsCancelled) {
   ASSERT_TRUE(harness.transport->waitForCalls(1));
   harness.onQueue([&] { harness.task->cancel(); });
   EXPECT_EQ(harness.endCount(), 1);
-  EXPECT_EQ(harness.lastEnd().code, 3);
+  EXPECT_EQ(harness.lastEnd().code, CloudStorageResult::kCancelled);
   EXPECT_EQ(harness.lastEnd().message, "");
   EXPECT_EQ(harness.transport->cancelledIds(),
             (std::vector<std::string>{harness.transport->call(0).id}));
@@ -43,7 +43,7 @@ TEST(UploadCancel, DuringAnObjectStorageUploadTheTransferIsCancelled) {
       R"({"code":1,"uploadPath":"https://o.test/objects/k","path":"//o.test/objects/k"})");
   ASSERT_TRUE(harness.transport->waitForCalls(2));
   harness.onQueue([&] { harness.task->cancel(); });
-  EXPECT_EQ(harness.lastEnd().code, 3);
+  EXPECT_EQ(harness.lastEnd().code, CloudStorageResult::kCancelled);
   EXPECT_EQ(harness.transport->cancelledIds(),
             (std::vector<std::string>{harness.transport->call(1).id}));
   EXPECT_TRUE(logs.contains(log4cplus::INFO_LOG_LEVEL, "cancel upload request"));
@@ -55,7 +55,7 @@ TEST(UploadCancel, DuringAFileServiceUploadTheTransferIsCancelled) {
   ASSERT_TRUE(harness.start());
   ASSERT_TRUE(harness.transport->waitForCalls(1));
   harness.onQueue([&] { harness.task->cancel(); });
-  EXPECT_EQ(harness.lastEnd().code, 3);
+  EXPECT_EQ(harness.lastEnd().code, CloudStorageResult::kCancelled);
   EXPECT_EQ(harness.transport->cancelledIds(),
             (std::vector<std::string>{harness.transport->call(0).id}));
   EXPECT_TRUE(logs.contains(log4cplus::INFO_LOG_LEVEL, "cancel upload request"));
@@ -71,7 +71,7 @@ TEST(UploadCancel, DuringAVideoUploadTheVideoTransferIsCancelledAsTheSignatureRe
       R"({"uploadUrl":"https://v.test/vod/upload?token=t","payUrl":"//v.test/vod/7.mp4"})");
   ASSERT_TRUE(harness.transport->waitForCalls(2));
   harness.onQueue([&] { harness.task->cancel(); });
-  EXPECT_EQ(harness.lastEnd().code, 3);
+  EXPECT_EQ(harness.lastEnd().code, CloudStorageResult::kCancelled);
   EXPECT_EQ(harness.transport->cancelledIds(),
             (std::vector<std::string>{harness.transport->call(1).id}));
   EXPECT_TRUE(logs.contains(log4cplus::INFO_LOG_LEVEL, "cancel signature request"));

@@ -12,7 +12,7 @@ TEST(UploadStart, RefusesOtherTypes) {
     UploadHarness harness(type);
     EXPECT_FALSE(harness.start());
     ASSERT_EQ(harness.endCount(), 1) << "ended before startWithConfig returned";
-    EXPECT_EQ(harness.lastEnd().code, -1);
+    EXPECT_EQ(harness.lastEnd().code, CloudStorageResult::kFailed);
     EXPECT_EQ(harness.lastEnd().message, "upload task type error");
     EXPECT_TRUE(logs.contains(log4cplus::ERROR_LOG_LEVEL,
                               "upload task type error, type:" + std::to_string(type)));
@@ -24,7 +24,7 @@ TEST(UploadStart, RefusesAnEmptyDirectoryOrFileName) {
   LogCapture logs;
   UploadHarness noName(1, "");
   EXPECT_FALSE(noName.start());
-  EXPECT_EQ(noName.lastEnd().code, -1);
+  EXPECT_EQ(noName.lastEnd().code, CloudStorageResult::kFailed);
   EXPECT_EQ(noName.lastEnd().message, "upload file dir invaild");
   EXPECT_TRUE(logs.contains(log4cplus::ERROR_LOG_LEVEL,
                             "upload file path invaild:" + noName.files.path() + " file name:"));
@@ -41,7 +41,7 @@ TEST(UploadStart, AnEmptyFileIsRefusedLikeAMissingOne) {
   LogCapture logs;
   UploadHarness empty(2, "empty.txt", "");
   EXPECT_FALSE(empty.start());
-  EXPECT_EQ(empty.lastEnd().code, -1);
+  EXPECT_EQ(empty.lastEnd().code, CloudStorageResult::kFailed);
   EXPECT_EQ(empty.lastEnd().message, "upload file not exists");
   EXPECT_TRUE(
       logs.contains(log4cplus::ERROR_LOG_LEVEL, "upload file not exists, " + empty.filePath()));
@@ -60,7 +60,7 @@ TEST(UploadStart, WithoutConfigurationNothingHappens) {
   harness.onQueue([&] { started = harness.task->startWithConfig(nullptr); });
   EXPECT_FALSE(started);
   EXPECT_EQ(harness.endCount(), 0);
-  EXPECT_EQ(harness.recorded.request->resultCode, 1);
+  EXPECT_EQ(harness.recorded.request->resultCode, CloudStorageResult::kPending);
 }
 
 TEST(UploadStart, AnImageGoesToTheFileServiceWhateverReservedSays) {
@@ -73,7 +73,7 @@ TEST(UploadStart, AnImageGoesToTheFileServiceWhateverReservedSays) {
     EXPECT_EQ(call.spec.kind, Kind::MultipartPost);
     EXPECT_EQ(call.spec.url, "https://files.test/file/uploadImg.action");
     EXPECT_EQ(harness.recorded.request->fileSize, 5);
-    harness.onQueue([&] { EXPECT_EQ(harness.task->state(), cloud::kRunning); });
+    harness.onQueue([&] { EXPECT_EQ(harness.task->state(), CloudStorageState::kRunning); });
   }
 }
 

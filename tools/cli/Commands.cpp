@@ -90,7 +90,7 @@ int runDownload(const CommonOptions& common, const DownloadOptions& options) {
           downloadTransferState(options.urls[i], directory, names[i], options.image ? 1 : 2);
       refused.cause = destination + " exists (--no-clobber); it was left as it is";
       auto transfer = std::make_shared<Transfer>(refused);
-      transfer->end(-1, "");
+      transfer->end(CloudStorageResult::kFailed, "");
       transfers.push_back(transfer);
       continue;
     }
@@ -177,9 +177,9 @@ int runAvatar(const CommonOptions& common, const AvatarOptions& options) {
         state.bytes = size;
         state.route = "cache";
       });
-      transfer->end(2, "already cached");
+      transfer->end(CloudStorageResult::kSuccess, "already cached");
     } else if (initial.path.empty()) {
-      transfer->end(-1, "the avatar manager refused the URL");
+      transfer->end(CloudStorageResult::kFailed, "the avatar manager refused the URL");
     }
   }
 

@@ -135,8 +135,9 @@ bool Demo::uploadsAndBack() {
   const auto clip = file("source", "clip.mp4");
   writePatternFile(report, 3 * 1024 * 1024 + 123, 1);
   writePatternFile(clip, 5 * 1024 * 1024 + 7, 2);
-  const TransferList uploads{session->upload(photo, 1), session->upload(report, 2),
-                             session->upload(clip, 3)};
+  const TransferList uploads{session->upload(photo, CloudStorageKind::kImage),
+                             session->upload(report, CloudStorageKind::kFile),
+                             session->upload(clip, CloudStorageKind::kVideo)};
   if (!wait(uploads)) {
     return false;
   }
@@ -154,7 +155,7 @@ bool Demo::uploadsAndBack() {
   for (std::size_t i = 0; i < uploads.size(); ++i) {
     back.push_back(session->download(uploads[i]->snapshot().url,
                                      FileUtils::appendComponent(work, "downloads"), backNames[i],
-                                     i == 0 ? 1 : 2));
+                                     i == 0 ? CloudStorageKind::kImage : CloudStorageKind::kFile));
   }
   if (!wait(back)) {
     return false;
@@ -225,7 +226,8 @@ bool Demo::imageRetry() {
   fault.status = 503;
   server->addFault(fault);
   auto transfer = session->download("https://" + staticHost + path,
-                                    FileUtils::appendComponent(work, "downloads"), key, 1);
+                                    FileUtils::appendComponent(work, "downloads"), key,
+                                    CloudStorageKind::kImage);
   if (!wait({transfer})) {
     return false;
   }
@@ -259,7 +261,7 @@ bool Demo::avatars() {
     listener.expect(avatar->requestId, avatar);
     const auto cached = manager->downloadAvatar(avatar->requestId, url);
     if (!cached.empty()) {
-      avatar->end(-1, "was cached before it was ever downloaded");
+      avatar->end(CloudStorageResult::kFailed, "was cached before it was ever downloaded");
     }
 
     TransferState uploadState;

@@ -1,5 +1,7 @@
 #include "Display.h"
 
+#include <quill_cloud/CloudStorageCodes.h>
+
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -102,21 +104,21 @@ std::string formatSeconds(double seconds) {
 
 std::string describeCode(int code) {
   switch (code) {
-    case 1:
+    case CloudStorageResult::kPending:
       return "not ended";
-    case 2:
+    case CloudStorageResult::kSuccess:
       return "success";
-    case 3:
+    case CloudStorageResult::kCancelled:
       return "cancelled";
-    case -1:
+    case CloudStorageResult::kFailed:
       return "local failure, before or after the transfer";
-    case -2:
+    case CloudStorageResult::kNotFound:
       return "not found (404)";
-    case -3:
+    case CloudStorageResult::kForbidden:
       return "forbidden (403)";
-    case -4:
+    case CloudStorageResult::kBadRequest:
       return "bad request (400)";
-    case -100:
+    case CloudStorageResult::kTransferFailed:
       return "transfer or server failure";
     default:
       return "failure";

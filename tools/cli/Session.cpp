@@ -49,11 +49,11 @@ bool blockStopSignals() {
 
 std::string kindName(int kind) {
   switch (kind) {
-    case 1:
+    case CloudStorageKind::kImage:
       return "image";
-    case 2:
+    case CloudStorageKind::kFile:
       return "file";
-    case 3:
+    case CloudStorageKind::kVideo:
       return "video";
     default:
       return "kind " + std::to_string(kind);
@@ -188,7 +188,7 @@ std::shared_ptr<Transfer> Session::download(const std::string& url, const std::s
     if (onEnd) {
       onEnd(*ended);
     }
-    const bool ok = ended->resultCode == 2;
+    const bool ok = ended->resultCode == CloudStorageResult::kSuccess;
     // The library gives a finished download's size in bytesDone; the file itself says it too.
     const auto bytes = !ok ? 0
                        : ended->bytesDone > 0
@@ -210,7 +210,7 @@ std::shared_ptr<Transfer> Session::download(const std::string& url, const std::s
   };
 
   if (!cloud->excuteRequest(request)) {
-    transfer->end(-1, "the library refused the request");
+    transfer->end(CloudStorageResult::kFailed, "the library refused the request");
   }
   return transfer;
 }
@@ -249,7 +249,7 @@ std::shared_ptr<Transfer> Session::upload(const std::string& path, int kind) {
     if (!self || !ended) {
       return;
     }
-    const bool ok = ended->resultCode == 2;
+    const bool ok = ended->resultCode == CloudStorageResult::kSuccess;
     const std::string url = ended->url;
     const auto size = ended->fileSize;
     const std::string cause = ended->endCause.text;
@@ -266,7 +266,7 @@ std::shared_ptr<Transfer> Session::upload(const std::string& path, int kind) {
   };
 
   if (!cloud->excuteRequest(request)) {
-    transfer->end(-1, "the library refused the request");
+    transfer->end(CloudStorageResult::kFailed, "the library refused the request");
   }
   return transfer;
 }
@@ -287,7 +287,7 @@ void Session::cancelEverything(const TransferList& transfers, bool timedOut) {
     // Avatar downloads end through the avatar manager's listener, which hears of successes only: a
     // cancelled one is never announced, so it is counted as ended here.
     if (!transfer->request) {
-      transfer->end(3, "cancelled");
+      transfer->end(CloudStorageResult::kCancelled, "cancelled");
     }
   }
 }
@@ -310,7 +310,8 @@ bool Session::wait(const TransferList& transfers, Display& display,
       }
       if (now >= transfer->deadline) {
         cloud->cancelReqestWithID(transfer->requestId);
-        transfer->end(-1, "no avatar in time: the download or the scaling failed");
+        transfer->end(CloudStorageResult::kFailed,
+                      "no avatar in time: the download or the scaling failed");
         continue;
       }
       allEnded = false;

@@ -65,10 +65,10 @@ public:
   // Called on the service's queue when a request has ended, before its transfer is marked ended.
   using EndHook = std::function<void(const CloudStorageRequest&)>;
 
-  // Hands a download to the library: `url` into `directory`/`name`; kind 1 image, 2 file.
+  // Hands a download to the library: `url` into `directory`/`name`, of a CloudStorageKind.
   std::shared_ptr<Transfer> download(const std::string& url, const std::string& directory,
                                      const std::string& name, int kind, EndHook onEnd = nullptr);
-  // Hands an upload to the library; kind 1 image, 2 file, 3 video.
+  // Hands an upload of a CloudStorageKind to the library.
   std::shared_ptr<Transfer> upload(const std::string& path, int kind);
 
   // Waits until every transfer has ended, drawing progress and telling `announce` of each end as it

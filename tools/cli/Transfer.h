@@ -1,5 +1,6 @@
 #pragma once
 
+#include <quill_cloud/CloudStorageCodes.h>
 #include <quill_cloud/CloudStorageRequest.h>
 
 #include <algorithm>
@@ -60,7 +61,7 @@ struct TransferState {
     const auto end = ended ? finished : Clock::now();
     return std::chrono::duration<double>(end - (started ? startedAt : submitted)).count();
   }
-  bool succeeded() const { return ended && code == 2; }
+  bool succeeded() const { return ended && code == CloudStorageResult::kSuccess; }
 };
 
 // One transfer as the tool follows it. The library's callbacks write to it on the service's queue

@@ -160,7 +160,9 @@ int main(int argc, char** argv) {
     return quill_cli::runDownload(common, download);
   }
   if (*uploadCommand) {
-    upload.kind = asImage ? 1 : asVideo ? 3 : 2;
+    upload.kind = asImage   ? CloudStorageKind::kImage
+                  : asVideo ? CloudStorageKind::kVideo
+                            : CloudStorageKind::kFile;
     return quill_cli::runUpload(common, upload);
   }
   if (*avatarCommand) {

@@ -14,14 +14,15 @@ namespace cloud {
 namespace {
 
 bool isUploadType(int type) {
-  return type == kImageUpload || type == kFileUpload || type == kVideoUpload;
+  return type == CloudStorageTaskType::kImageUpload || type == CloudStorageTaskType::kFileUpload ||
+         type == CloudStorageTaskType::kVideoUpload;
 }
 
 std::shared_ptr<ITask> makeTransferTask(const std::string& cachePath, int type,
                                         std::shared_ptr<CloudStorageRequest> request,
                                         std::shared_ptr<SerialQueue> queue,
                                         ITask::CompletionCallback completionCallback) {
-  if (type == kImageDownload || type == kFileDownload) {
+  if (type == CloudStorageTaskType::kImageDownload || type == CloudStorageTaskType::kFileDownload) {
     return std::make_shared<DownloadTask>(cachePath, type, std::move(request), std::move(queue),
                                           std::move(completionCallback));
   }
@@ -69,21 +70,21 @@ CloudStorageLogic::~CloudStorageLogic() {
 int CloudStorageLogic::taskTypeFor(bool isUpload, int kind) {
   if (isUpload) {
     switch (kind) {
-      case 1:
-        return kImageUpload;
-      case 2:
-        return kFileUpload;
-      case 3:
-        return kVideoUpload;
+      case CloudStorageKind::kImage:
+        return CloudStorageTaskType::kImageUpload;
+      case CloudStorageKind::kFile:
+        return CloudStorageTaskType::kFileUpload;
+      case CloudStorageKind::kVideo:
+        return CloudStorageTaskType::kVideoUpload;
       default:
         return 0;
     }
   }
   switch (kind) {
-    case 1:
-      return kImageDownload;
-    case 2:
-      return kFileDownload;
+    case CloudStorageKind::kImage:
+      return CloudStorageTaskType::kImageDownload;
+    case CloudStorageKind::kFile:
+      return CloudStorageTaskType::kFileDownload;
     default:
       return 0;
   }
@@ -267,7 +268,7 @@ void CloudStorageLogic::onTaskFinished(std::shared_ptr<ITask> task, bool retry) 
   const bool upload = isUploadType(type);
   tasks.markStopped(task.get());
 
-  if (retry && (upload || type == kImageDownload)) {
+  if (retry && (upload || type == CloudStorageTaskType::kImageDownload)) {
     retryList.push_back(task);
     startRetryTimer();
     return;

@@ -57,8 +57,8 @@ public:
   CloudStorageLogic(const CloudStorageLogic&) = delete;
   CloudStorageLogic& operator=(const CloudStorageLogic&) = delete;
 
-  // The task type for (isUpload, kind): 1, 2, 5 for uploads of kinds 1, 2, 3; 3, 4 for downloads
-  // of kinds 1, 2; 0 for every other pair.
+  // The task type (CloudStorageTaskType) for (isUpload, kind): image, file and video uploads, image
+  // and file downloads; 0 for every other pair.
   static int taskTypeFor(bool isUpload, int kind);
 
   bool addRequest(std::shared_ptr<CloudStorageRequest> request);

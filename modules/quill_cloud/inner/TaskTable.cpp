@@ -85,7 +85,7 @@ std::shared_ptr<ITask> TaskTable::takeNextWaiting(Direction direction) {
   while (!line.empty()) {
     auto task = line.front().lock();
     line.pop_front();
-    if (task && task->state() == kWaiting && contains(task.get())) {
+    if (task && task->state() == CloudStorageState::kWaiting && contains(task.get())) {
       return task;
     }
   }
@@ -106,8 +106,9 @@ void TaskTable::markStopped(const ITask* task) {
 
 std::size_t TaskTable::runningCount(Direction direction) const {
   const auto& set = started[index(direction)];
-  return static_cast<std::size_t>(std::count_if(
-      set.begin(), set.end(), [](const ITask* task) { return task->state() == kRunning; }));
+  return static_cast<std::size_t>(std::count_if(set.begin(), set.end(), [](const ITask* task) {
+    return task->state() == CloudStorageState::kRunning;
+  }));
 }
 
 }  // namespace cloud

@@ -20,19 +20,14 @@ DownloadTask::DownloadTask(const std::string& cachePath, int type,
       staticHost(Deployment::staticHost()),
       imageCdnHost(Deployment::imageCdnHost()) {}
 
-DownloadTask::~DownloadTask() {
-  if (!transferId.empty()) {
-    HttpClient::cancelRequest(transferId);
-  }
-}
-
 bool DownloadTask::startWithConfig(CloudStorageConfig* config) {
   if (config == nullptr || !request || !queue) {
     return false;
   }
   this->config = config;
 
-  if (taskType != kImageDownload && taskType != kFileDownload) {
+  if (taskType != CloudStorageTaskType::kImageDownload &&
+      taskType != CloudStorageTaskType::kFileDownload) {
     fail("download task type error", false);
     QLOG_ERROR("download task type error, type:" << taskType);
     return false;
@@ -74,27 +69,29 @@ bool DownloadTask::startWithConfig(CloudStorageConfig* config) {
   const auto& tempDirectory =
       FileUtils::directoryExists(cachePath) ? cachePath : request->directory;
   tempFilePath = FileUtils::temporaryPath(tempDirectory, request->fileName);
-  taskState = kRunning;
+  if (!enterRunning()) {
+    return false;
+  }
   startDownload();
   return true;
 }
 
 int DownloadTask::resultCodeFor(const HttpResponse& response) {
   if (response.outcome == HttpResponse::kCompleted) {
-    return 2;
+    return CloudStorageResult::kSuccess;
   }
   if (response.outcome == HttpResponse::kCancelled) {
-    return 3;
+    return CloudStorageResult::kCancelled;
   }
   switch (response.status) {
     case 400:
-      return -4;
+      return CloudStorageResult::kBadRequest;
     case 403:
-      return -3;
+      return CloudStorageResult::kForbidden;
     case 404:
-      return -2;
+      return CloudStorageResult::kNotFound;
     default:
-      return -100;
+      return CloudStorageResult::kTransferFailed;
   }
 }
 
@@ -104,46 +101,49 @@ void DownloadTask::startDownload() {
 
   auto progress = makeProgressFunction();
 
-  auto completion =
-      [weak, queue = std::weak_ptr<SerialQueue>(queue)](std::shared_ptr<HttpResponse> response) {
-        const HttpResponse ended = response ? *response : HttpResponse{};
-        const int code = resultCodeFor(ended);
-        if (ended.outcome != HttpResponse::kCompleted) {
-          QLOG_ERROR("download response code:" << ended.status << " desc:" << ended.text);
-        }
-        std::string desc = code == 2 ? std::string() : TextUtils::toString(ended.status);
-        postIfAlive(weak, queue, [code, desc = std::move(desc), ended](DownloadTask& task) mutable {
-          task.noteEndCause(ended);
-          task.processDownloadCompletion(code, std::move(desc));
-        });
-      };
+  const auto transfer = openTransfer();
+  auto completion = [weak, queue = std::weak_ptr<SerialQueue>(queue),
+                     transfer](std::shared_ptr<HttpResponse> response) {
+    const HttpResponse ended = response ? *response : HttpResponse{};
+    const int code = resultCodeFor(ended);
+    if (ended.outcome != HttpResponse::kCompleted) {
+      QLOG_ERROR("download response code:" << ended.status << " desc:" << ended.text);
+    }
+    std::string desc =
+        code == CloudStorageResult::kSuccess ? std::string() : TextUtils::toString(ended.status);
+    postTransferEnd(weak, queue, transfer,
+                    [code, desc = std::move(desc), ended](DownloadTask& task) mutable {
+                      task.noteEndCause(ended);
+                      task.processDownloadCompletion(code, std::move(desc));
+                    });
+  };
 
-  transferId = HttpClient::downloadFile(request->url, tempFilePath, std::move(progress),
-                                        std::move(completion));
+  holdTransfer(HttpClient::downloadFile(request->url, tempFilePath, std::move(progress),
+                                        std::move(completion)));
 }
 
 void DownloadTask::processDownloadCompletion(int code, std::string desc) {
   QLOG_INFO("cloud::DownloadTask::processDownloadCompletion"
             << " enter");
-  transferId.clear();
   bool retry = false;
 
-  if (code == 2) {
+  if (code == CloudStorageResult::kSuccess) {
     if (moveDownloadFile()) {
-      finish(kFinished, code, desc, retry);
+      finish(CloudStorageState::kFinished, code, desc, retry);
       return;
     }
-    code = -1;
-  } else if (taskType == kImageDownload && code == -100 && request && !staticHost.empty() &&
+    code = CloudStorageResult::kFailed;
+  } else if (taskType == CloudStorageTaskType::kImageDownload &&
+             code == CloudStorageResult::kTransferFailed && request && !staticHost.empty() &&
              request->url.find(staticHost) != std::string::npos) {
     const std::string previousUrl = request->url;
     TextUtils::replaceAll(request->url, staticHost, imageCdnHost);
-    QLOG_WARN("retry download image " << -100 << "," << previousUrl);
+    QLOG_WARN("retry download image " << CloudStorageResult::kTransferFailed << "," << previousUrl);
     retry = true;
   }
 
   FileUtils::removeFile(tempFilePath);
-  finish(kFinished, code, desc, retry);
+  finish(CloudStorageState::kFinished, code, desc, retry);
 }
 
 bool DownloadTask::moveDownloadFile() {
@@ -169,14 +169,15 @@ bool DownloadTask::moveDownloadFile() {
 
 void DownloadTask::cancel() {
   if (request) {
-    request->resultCode = 3;
+    request->resultCode = CloudStorageResult::kCancelled;
   }
-  if (transferId.empty()) {
+  if (!hasTransfer()) {
     QLOG_INFO(" cancel the waiting task");
-    finish(kFinished, 3, "", false);
+    finish(CloudStorageState::kFinished, CloudStorageResult::kCancelled, "", false);
     return;
   }
-  HttpClient::cancelRequest(transferId);
+  // The transfer's cancelled reply ends the task (and removes its partial file).
+  cancelTransfer();
 }
 
 }  // namespace cloud

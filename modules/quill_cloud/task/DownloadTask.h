@@ -9,17 +9,14 @@
 
 namespace cloud {
 
-// Downloads a request's url into a temporary file (in the scheduler's cache directory when there is
-// one, else straight at the final path) and moves it to directory/fileName when it is complete.
-// An image download from the static-content host that fails without a known status is rewritten to
-// the image CDN host once and handed back for a retry.
+// Downloads a request's url into a temporary file of its own (in the scheduler's cache directory
+// when there is one, else beside the final path) and moves it to directory/fileName when it is
+// complete. An image download from the static-content host that fails without a known status is
+// rewritten to the image CDN host once and handed back for a retry.
 class DownloadTask : public ITask {
 public:
   DownloadTask(const std::string& cachePath, int type, std::shared_ptr<CloudStorageRequest> request,
                std::shared_ptr<SerialQueue> queue, CompletionCallback completionCallback);
-  // Abandons a transfer still in flight (its completion finds the task gone and does nothing).
-  ~DownloadTask() override;
-
   bool startWithConfig(CloudStorageConfig* config) override;
   void cancel() override;
 

@@ -1,8 +1,10 @@
 #include "task/ITask.h"
 
 #include <quill_base/TextUtils.h>
+#include <quill_network/HttpClient.h>
 
 #include <algorithm>
+#include <cassert>
 #include <utility>
 
 namespace cloud {
@@ -15,14 +17,66 @@ ITask::ITask(const std::string& cachePath, int type, std::shared_ptr<CloudStorag
       queue(std::move(queue)),
       completionCallback(std::move(completionCallback)) {}
 
-ITask::~ITask() = default;
+ITask::~ITask() {
+  // Abandons a transfer still in flight: its reply finds the task gone and does nothing.
+  cancelTransfer();
+}
+
+int ITask::state() const {
+  switch (life) {
+    case Life::Waiting:
+      return CloudStorageState::kWaiting;
+    case Life::Running:
+      return CloudStorageState::kRunning;
+    case Life::HeldForRetry:
+    case Life::Ended:
+      return CloudStorageState::kFinished;
+  }
+  return CloudStorageState::kFinished;
+}
+
+bool ITask::enterRunning() {
+  if (life != Life::Waiting && life != Life::HeldForRetry) {
+    return false;
+  }
+  life = Life::Running;
+  return true;
+}
+
+std::uint64_t ITask::openTransfer() {
+  transferId.clear();
+  return ++currentTransfer;
+}
+
+void ITask::holdTransfer(std::string id) {
+  transferId = std::move(id);
+}
+
+void ITask::cancelTransfer() const {
+  if (!transferId.empty()) {
+    HttpClient::cancelRequest(transferId);
+  }
+}
+
+bool ITask::takeTransferEnd(std::uint64_t transfer) {
+  if (life != Life::Running || transfer != currentTransfer) {
+    return false;
+  }
+  // Retired: a second reply of the same transfer is stale too.
+  ++currentTransfer;
+  transferId.clear();
+  return true;
+}
 
 bool ITask::isDownload() const {
-  return taskType == kImageDownload || taskType == kFileDownload;
+  return taskType == CloudStorageTaskType::kImageDownload ||
+         taskType == CloudStorageTaskType::kFileDownload;
 }
 
 bool ITask::isUpload() const {
-  return taskType == kImageUpload || taskType == kFileUpload || taskType == kVideoUpload;
+  return taskType == CloudStorageTaskType::kImageUpload ||
+         taskType == CloudStorageTaskType::kFileUpload ||
+         taskType == CloudStorageTaskType::kVideoUpload;
 }
 
 bool ITask::hasRequestId(const std::string& id) const {
@@ -83,18 +137,25 @@ void ITask::noteEndCause(const HttpResponse& response) {
 }
 
 void ITask::finish(int state, int code, const std::string& message, bool retry) {
+  if (life == Life::Ended) {
+    return;
+  }
+  // 3 is the one state a task ends in (held for a retry, it still reports 3).
+  assert(state == CloudStorageState::kFinished);
+  static_cast<void>(state);
+  life = retry ? Life::HeldForRetry : Life::Ended;
   transferId.clear();
-  taskState = state;
+  ++currentTransfer;
   if (request) {
     request->resultCode = code;
     if (&message != &request->resultMessage) {
       request->resultMessage = message;
     }
-    if (code == 2) {
+    if (code == CloudStorageResult::kSuccess) {
       request->endCause = CloudStorageEndCause{};
     } else {
       if (pendingCause.text.empty()) {
-        pendingCause.text = code == 3 ? "cancelled" : message;
+        pendingCause.text = code == CloudStorageResult::kCancelled ? "cancelled" : message;
       }
       request->endCause = std::move(pendingCause);
     }
@@ -106,7 +167,7 @@ void ITask::finish(int state, int code, const std::string& message, bool retry) 
 }
 
 void ITask::fail(const std::string& message, bool retry) {
-  finish(kFinished, -1, message, retry);
+  finish(CloudStorageState::kFinished, CloudStorageResult::kFailed, message, retry);
 }
 
 }  // namespace cloud

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <quill_cloud/CloudStorageCodes.h>
 #include <quill_cloud/CloudStorageConfig.h>
 #include <quill_cloud/CloudStorageRequest.h>
 
@@ -9,27 +10,12 @@
 
 #include <quill_network/HttpResponse.h>
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 
 namespace cloud {
-
-// Internal task types derived from (isUpload, kind).
-enum TaskType : int {
-  kImageUpload = 1,
-  kFileUpload = 2,
-  kImageDownload = 3,
-  kFileDownload = 4,
-  kVideoUpload = 5,
-};
-
-// Task states, as passed to a request's stateCallback.
-enum TaskState : int {
-  kWaiting = 1,
-  kRunning = 2,
-  kFinished = 3,
-};
 
 // The base of the transfer tasks: binds one request to the scheduler. Always owned through a
 // std::shared_ptr; everything but onProgress runs on the serial queue, so nothing here is locked.
@@ -52,7 +38,8 @@ public:
   virtual void cancel() = 0;
 
   int type() const { return taskType; }
-  int state() const { return taskState; }
+  // 1 waiting, 2 running, 3 ended (or held for a retry).
+  int state() const;
   int progress() const { return lastProgress; }
   std::shared_ptr<CloudStorageRequest> getRequest() const { return request; }
   bool isDownload() const;
@@ -64,10 +51,12 @@ public:
   // for the request's progressCallback. Nothing is posted for, or run on, a task that is gone.
   void onProgress(double done, double total);
 
-  // Ends the task: clears the transfer id, stores the state, writes code and message into the
-  // request and tells the scheduler (the flag asks for a retry).
+  // Ends the task: stores the state (3), writes code and message into the request and tells the
+  // scheduler (the flag asks for a retry). A task ends once: a second call does nothing, unless
+  // the first asked for a retry (the task is then held for its restart, and may still be ended,
+  // by a cancel for instance). The transfer slot is emptied; a reply still on its way is stale.
   void finish(int state, int code, const std::string& message, bool retry);
-  // finish(3, -1, message, retry)
+  // finish(kFinished, kFailed, message, retry)
   void fail(const std::string& message, bool retry);
 
   // Records why the task is about to end, for the request's endCause; finish() writes it (a failure
@@ -87,6 +76,23 @@ public:
 protected:
   void reportProgress(double done, double total);
 
+  // The life of a task: waiting, running, ended; in between, ended asking for a retry and held for
+  // the restart. The state a request's callback sees is 1, 2 or 3 (3 for both kinds of ended).
+  // Moves a waiting task (or one held for a retry) to running; false, changing nothing, otherwise.
+  bool enterRunning();
+  bool isRunning() const { return life == Life::Running; }
+  bool hasEnded() const { return life == Life::Ended; }
+
+  // The transfer in flight: one slot, whatever the route. A transfer is opened (numbered) before
+  // it starts, so that its reply can name it, and held once HttpClient has given it an id.
+  // Opening a transfer makes every earlier one stale.
+  std::uint64_t openTransfer();
+  void holdTransfer(std::string id);
+  bool hasTransfer() const { return !transferId.empty(); }
+  // Asks HttpClient to cancel the transfer in flight; its reply still comes, and is handled or
+  // dropped by the rule of postTransferEnd.
+  void cancelTransfer() const;
+
   // For callbacks on network threads: posts `work` onto the queue, where it runs with the task if
   // the task still lives by then. Holds neither the task nor the queue alive, so a task is never
   // destroyed on a network thread.
@@ -105,18 +111,42 @@ protected:
     }
   }
 
+  // The end of a transfer, from its network thread: `work` runs on the queue only while the task
+  // lives, runs, and still waits for this transfer (numbered `transfer` by openTransfer); the slot
+  // is emptied first. Every reply of every route comes through here, so that one which arrives
+  // after a cancel ended the task, or after a newer transfer was opened, is dropped here alone.
+  template <typename Task, typename Work>
+  static void postTransferEnd(const std::weak_ptr<Task>& task,
+                              const std::weak_ptr<SerialQueue>& queue, std::uint64_t transfer,
+                              Work work) {
+    postIfAlive(task, queue, [transfer, work = std::move(work)](Task& alive) mutable {
+      if (static_cast<ITask&>(alive).takeTransferEnd(transfer)) {
+        work(alive);
+      }
+    });
+  }
+
   std::string cachePath;
   int taskType;
   std::shared_ptr<CloudStorageRequest> request;
   std::shared_ptr<SerialQueue> queue;
   CompletionCallback completionCallback;
-  int taskState = kWaiting;
   int lastProgress = 0;
   CloudStorageConfig* config = nullptr;
-  // Id of the transfer in flight, as HttpClient returned it; empty when none.
-  std::string transferId;
   std::shared_ptr<CallbackGate> callbackGate;
   CloudStorageEndCause pendingCause;
+
+private:
+  enum class Life { Waiting, Running, HeldForRetry, Ended };
+
+  // True (and the slot emptied) when the reply of transfer `transfer` is the one awaited.
+  bool takeTransferEnd(std::uint64_t transfer);
+
+  Life life = Life::Waiting;
+  // Id of the transfer in flight, as HttpClient returned it; empty when none.
+  std::string transferId;
+  // Number of the transfer opened last; a reply of any other is stale.
+  std::uint64_t currentTransfer = 0;
 };
 
 }  // namespace cloud

@@ -14,18 +14,20 @@ std::string UploadTask::uploadToFileVela(const std::string& url) {
     QLOG_ERROR(" upload url is empty");
     return {};
   }
-  const auto weak = weakSelf();
-  auto progress = makeProgressFunction();
-  auto completion =
-      [weak, queue = std::weak_ptr<SerialQueue>(queue)](std::shared_ptr<HttpResponse> response) {
-        reportFileServiceReply(weak, queue, response ? *response : HttpResponse{});
-      };
-
   std::vector<HttpPartData> parts;
   if (!uploadFileParts(parts)) {
     return {};
   }
-  return HttpClient::uploadMultipartData(url, parts, std::move(progress), std::move(completion));
+  const auto weak = weakSelf();
+  auto progress = makeProgressFunction();
+  const auto transfer = openStep(Step::Upload);
+  auto completion = [weak, queue = std::weak_ptr<SerialQueue>(queue),
+                     transfer](std::shared_ptr<HttpResponse> response) {
+    reportFileServiceReply(weak, queue, transfer, response ? *response : HttpResponse{});
+  };
+  auto id = HttpClient::uploadMultipartData(url, parts, std::move(progress), std::move(completion));
+  holdTransfer(id);
+  return id;
 }
 
 bool UploadTask::uploadFileParts(std::vector<HttpPartData>& parts) {
@@ -44,8 +46,8 @@ bool UploadTask::uploadFileParts(std::vector<HttpPartData>& parts) {
 
 void UploadTask::reportFileServiceReply(const std::weak_ptr<UploadTask>& task,
                                         const std::weak_ptr<SerialQueue>& queue,
-                                        const HttpResponse& response) {
-  int code = -100;
+                                        std::uint64_t transfer, const HttpResponse& response) {
+  int code = CloudStorageResult::kTransferFailed;
   std::string path;
   std::string message;
   if (response.outcome == HttpResponse::kCompleted) {
@@ -63,23 +65,23 @@ void UploadTask::reportFileServiceReply(const std::weak_ptr<UploadTask>& task,
         if (path.empty()) {
           message = "path is empty";
         } else {
-          code = 2;
+          code = CloudStorageResult::kSuccess;
         }
       }
     }
   } else if (response.outcome == HttpResponse::kCancelled) {
-    code = 3;
+    code = CloudStorageResult::kCancelled;
   } else {
     message = response.text;
   }
-  if (code != 2) {
+  if (code != CloudStorageResult::kSuccess) {
     QLOG_ERROR("upload failed, code:" << response.status << "\n" << response.text);
   }
   CloudStorageEndCause cause;
-  if (code != 2) {
+  if (code != CloudStorageResult::kSuccess) {
     cause = causeOfFailedUpload(response, "the file service did not accept the upload: " + message);
   }
-  postIfAlive(task, queue, [path, code, message, cause](UploadTask& alive) {
+  postTransferEnd(task, queue, transfer, [path, code, message, cause](UploadTask& alive) {
     alive.noteEndCause(cause);
     alive.processUploadCompletion(path, code, message, false);
   });

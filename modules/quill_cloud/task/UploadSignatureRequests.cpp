@@ -49,31 +49,24 @@ std::map<std::string, std::string> UploadTask::videoSignatureForm() {
   return form;
 }
 
-void UploadTask::cancelSignatureRequest() {
-  if (!signatureRequestId.empty()) {
-    HttpClient::cancelRequest(signatureRequestId);
-    signatureRequestId.clear();
-  }
-}
-
 bool UploadTask::acceptSignatureReply(const HttpResponse& reply, int code, std::string message) {
   if (reply.outcome == HttpResponse::kCancelled) {
-    code = 3;
+    code = CloudStorageResult::kCancelled;
   }
   if (message.empty()) {
     message = "request signature failed, " + TextUtils::toString(reply.status);
   }
-  if (code == 2) {
+  if (code == CloudStorageResult::kSuccess) {
     return true;
   }
   QLOG_ERROR("request signature failed, code:" << reply.status << "\n" << reply.text);
   noteEndCause(causeOfFailedUpload(reply, "the signature reply was not accepted: " + message));
-  finish(kFinished, code, message, false);
+  finish(CloudStorageState::kFinished, code, message, false);
   return false;
 }
 
 bool UploadTask::requestFileSignature() {
-  cancelSignatureRequest();
+  cancelTransfer();
   auto form = signatureForm();
   if (form.empty()) {
     fail("request file signature param invaild", false);
@@ -87,40 +80,38 @@ bool UploadTask::requestFileSignature() {
   }
   form["key"] = key;
 
-  auto reply = [weak = weakSelf(),
-                queue = std::weak_ptr<SerialQueue>(queue)](std::shared_ptr<HttpResponse> response) {
-    postIfAlive(weak, queue,
-                [response](UploadTask& task) { task.processSignatureRespose(response); });
+  const auto transfer = openStep(Step::Signature);
+  auto reply = [weak = weakSelf(), queue = std::weak_ptr<SerialQueue>(queue),
+                transfer](std::shared_ptr<HttpResponse> response) {
+    postTransferEnd(weak, queue, transfer,
+                    [response](UploadTask& task) { task.processSignatureRespose(response); });
   };
-  signatureRequestId =
-      HttpClient::executePost(config->signatureUrl, form, addFormHeader, std::move(reply));
+  holdTransfer(
+      HttpClient::executePost(config->signatureUrl, form, addFormHeader, std::move(reply)));
   return true;
 }
 
 bool UploadTask::requestVideoSignature() {
-  cancelSignatureRequest();
+  cancelTransfer();
   const auto form = videoSignatureForm();
   if (form.empty()) {
     fail("request video signature param invaild", false);
     return false;
   }
-  auto reply = [weak = weakSelf(),
-                queue = std::weak_ptr<SerialQueue>(queue)](std::shared_ptr<HttpResponse> response) {
-    postIfAlive(weak, queue,
-                [response](UploadTask& task) { task.processVideoSignatureRespose(response); });
+  const auto transfer = openStep(Step::Signature);
+  auto reply = [weak = weakSelf(), queue = std::weak_ptr<SerialQueue>(queue),
+                transfer](std::shared_ptr<HttpResponse> response) {
+    postTransferEnd(weak, queue, transfer,
+                    [response](UploadTask& task) { task.processVideoSignatureRespose(response); });
   };
-  signatureRequestId =
-      HttpClient::executePost(config->videoSignatureUrl, form, addFormHeader, std::move(reply));
+  holdTransfer(
+      HttpClient::executePost(config->videoSignatureUrl, form, addFormHeader, std::move(reply)));
   return true;
 }
 
 void UploadTask::processSignatureRespose(std::shared_ptr<HttpResponse> response) {
-  if (hasEnded()) {
-    return;
-  }
   const HttpResponse reply = response ? *response : HttpResponse{};
-  signatureRequestId.clear();
-  int code = -100;
+  int code = CloudStorageResult::kTransferFailed;
   std::string message;
   std::string uploadPath;
   std::string path;
@@ -137,7 +128,7 @@ void UploadTask::processSignatureRespose(std::shared_ptr<HttpResponse> response)
       uploadPath = JSONUtils::optString("uploadPath", json, "");
       path = completeUrlScheme(JSONUtils::optString("path", json, ""));
       if (!uploadPath.empty() && !path.empty()) {
-        code = 2;
+        code = CloudStorageResult::kSuccess;
       } else {
         message = "signature response data invaild";
       }
@@ -149,12 +140,8 @@ void UploadTask::processSignatureRespose(std::shared_ptr<HttpResponse> response)
 }
 
 void UploadTask::processVideoSignatureRespose(std::shared_ptr<HttpResponse> response) {
-  if (hasEnded()) {
-    return;
-  }
   const HttpResponse reply = response ? *response : HttpResponse{};
-  signatureRequestId.clear();
-  int code = -100;
+  int code = CloudStorageResult::kTransferFailed;
   std::string message;
   std::string uploadUrl;
   std::string payUrl;
@@ -165,7 +152,7 @@ void UploadTask::processVideoSignatureRespose(std::shared_ptr<HttpResponse> resp
     uploadUrl = JSONUtils::optString("uploadUrl", json, "");
     payUrl = completeUrlScheme(JSONUtils::optString("payUrl", json, ""));
     if (!uploadUrl.empty() && !payUrl.empty()) {
-      code = 2;
+      code = CloudStorageResult::kSuccess;
       message = "signature response data success";
     } else {
       message = "signature response data invaild";

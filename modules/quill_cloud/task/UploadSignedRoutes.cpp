@@ -14,28 +14,29 @@ namespace cloud {
 void UploadTask::uploadToTarn(std::string uploadUrl, std::string path) {
   const auto weak = weakSelf();
   auto progress = makeProgressFunction();
-  auto completion = [weak, queue = std::weak_ptr<SerialQueue>(queue),
+  const auto transfer = openStep(Step::Upload);
+  auto completion = [weak, queue = std::weak_ptr<SerialQueue>(queue), transfer,
                      path = std::move(path)](std::shared_ptr<HttpResponse> response) {
-    reportSignedUploadEnd(weak, queue, response ? *response : HttpResponse{}, path);
+    reportSignedUploadEnd(weak, queue, transfer, response ? *response : HttpResponse{}, path);
   };
-  transferId =
-      HttpClient::uploadFile(uploadUrl, uploadFilePath, std::move(progress), std::move(completion));
+  holdTransfer(HttpClient::uploadFile(uploadUrl, uploadFilePath, std::move(progress),
+                                      std::move(completion)));
 }
 
 void UploadTask::uploadVideoToVOD(std::string uploadUrl, std::string payUrl) {
-  const auto weak = weakSelf();
-  auto progress = makeProgressFunction();
-  auto completion = [weak, queue = std::weak_ptr<SerialQueue>(queue),
-                     payUrl = std::move(payUrl)](std::shared_ptr<HttpResponse> response) {
-    reportSignedUploadEnd(weak, queue, response ? *response : HttpResponse{}, payUrl);
-  };
   std::vector<HttpPartData> parts;
   if (!uploadVideoParts(parts)) {
     return;  // nothing started: the task stays running until it is cancelled
   }
-  // Kept where cancel() looks first.
-  signatureRequestId =
-      HttpClient::uploadMultipartData(uploadUrl, parts, std::move(progress), std::move(completion));
+  const auto weak = weakSelf();
+  auto progress = makeProgressFunction();
+  const auto transfer = openStep(Step::Signature);
+  auto completion = [weak, queue = std::weak_ptr<SerialQueue>(queue), transfer,
+                     payUrl = std::move(payUrl)](std::shared_ptr<HttpResponse> response) {
+    reportSignedUploadEnd(weak, queue, transfer, response ? *response : HttpResponse{}, payUrl);
+  };
+  holdTransfer(HttpClient::uploadMultipartData(uploadUrl, parts, std::move(progress),
+                                               std::move(completion)));
 }
 
 bool UploadTask::uploadVideoParts(std::vector<HttpPartData>& parts) {
@@ -54,17 +55,17 @@ bool UploadTask::uploadVideoParts(std::vector<HttpPartData>& parts) {
 
 void UploadTask::reportSignedUploadEnd(const std::weak_ptr<UploadTask>& task,
                                        const std::weak_ptr<SerialQueue>& queue,
-                                       const HttpResponse& response,
+                                       std::uint64_t transfer, const HttpResponse& response,
                                        const std::string& resultPath) {
-  int code = -100;
+  int code = CloudStorageResult::kTransferFailed;
   std::string path;
   std::string message;
   if (response.outcome == HttpResponse::kCompleted) {
     // The signature already named the stored object: the reply body is not read.
-    code = 2;
+    code = CloudStorageResult::kSuccess;
     path = resultPath;
   } else if (response.outcome == HttpResponse::kCancelled) {
-    code = 3;
+    code = CloudStorageResult::kCancelled;
     message = "upload cancel";
   } else {
     message =
@@ -74,10 +75,10 @@ void UploadTask::reportSignedUploadEnd(const std::weak_ptr<UploadTask>& task,
     QLOG_ERROR("upload failed, code:" << response.status << " desc:" << response.text);
   }
   CloudStorageEndCause cause;
-  if (code != 2) {
+  if (code != CloudStorageResult::kSuccess) {
     cause = causeOfFailedUpload(response, message);
   }
-  postIfAlive(task, queue, [path, code, message, cause](UploadTask& alive) {
+  postTransferEnd(task, queue, transfer, [path, code, message, cause](UploadTask& alive) {
     alive.noteEndCause(cause);
     alive.processUploadCompletion(path, code, message, false);
   });

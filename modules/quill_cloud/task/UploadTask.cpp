@@ -14,23 +14,13 @@ UploadTask::UploadTask(const std::string& cachePath, int type,
                        std::shared_ptr<SerialQueue> queue, CompletionCallback completionCallback)
     : ITask(cachePath, type, std::move(request), std::move(queue), std::move(completionCallback)) {}
 
-UploadTask::~UploadTask() {
-  if (!signatureRequestId.empty()) {
-    HttpClient::cancelRequest(signatureRequestId);
-  }
-  if (!transferId.empty()) {
-    HttpClient::cancelRequest(transferId);
-  }
-}
-
-bool UploadTask::hasEnded() const {
-  // An upload never restarts once it has ended, so a reply that arrives afterwards (the task was
-  // cancelled while it was on its way) is stale and must not end the task a second time.
-  return taskState == kFinished;
-}
-
 std::weak_ptr<UploadTask> UploadTask::weakSelf() {
   return std::static_pointer_cast<UploadTask>(shared_from_this());
+}
+
+std::uint64_t UploadTask::openStep(Step next) {
+  step = next;
+  return openTransfer();
 }
 
 bool UploadTask::startWithConfig(CloudStorageConfig* config) {
@@ -39,7 +29,9 @@ bool UploadTask::startWithConfig(CloudStorageConfig* config) {
   }
   this->config = config;
 
-  if (taskType != kImageUpload && taskType != kFileUpload && taskType != kVideoUpload) {
+  if (taskType != CloudStorageTaskType::kImageUpload &&
+      taskType != CloudStorageTaskType::kFileUpload &&
+      taskType != CloudStorageTaskType::kVideoUpload) {
     fail("upload task type error", false);
     QLOG_ERROR("upload task type error, type:" << taskType);
     return false;
@@ -58,23 +50,22 @@ bool UploadTask::startWithConfig(CloudStorageConfig* config) {
     return false;
   }
   request->fileSize = static_cast<std::int64_t>(size);
-  taskState = kRunning;
+  if (!enterRunning()) {
+    return false;
+  }
 
-  std::string id;
-  if (taskType == kImageUpload) {
-    // `reserved` selects nothing: both values upload the same way.
-    id = uploadToFileVela(config->imageUploadUrl);
-  } else if (config->uploadMode == 1) {
-    if (taskType == kFileUpload) {
+  if (config->uploadMode == 1 && taskType != CloudStorageTaskType::kImageUpload) {
+    if (taskType == CloudStorageTaskType::kFileUpload) {
       requestFileSignature();
     } else {
       requestVideoSignature();
     }
     return true;
-  } else {
-    id = uploadToFileVela(config->signatureUrl);
   }
-  transferId = id;
+  // `reserved` selects nothing for images: both values upload the same way.
+  const auto& url = taskType == CloudStorageTaskType::kImageUpload ? config->imageUploadUrl
+                                                                   : config->signatureUrl;
+  const auto id = uploadToFileVela(url);
   if (id.empty()) {
     fail("upload request invaild", false);
   }
@@ -113,27 +104,25 @@ void UploadTask::processUploadCompletion(const std::string& url, int code, const
                                          bool retry) {
   QLOG_INFO("cloud::UploadTask::processUploadCompletion"
             << " enter");
-  transferId.clear();
   if (!request) {
     return;
   }
   request->url = url.empty() ? std::string() : completeUrlScheme(url);
-  finish(kFinished, code, desc, retry);
+  finish(CloudStorageState::kFinished, code, desc, retry);
 }
 
 void UploadTask::cancel() {
-  // Only one transfer is ever in flight: the signature request, or the video upload that keeps its
-  // id in the same place, comes first.
-  if (!signatureRequestId.empty()) {
-    HttpClient::cancelRequest(signatureRequestId);
-    QLOG_INFO("cancel signature request");
-  } else if (!transferId.empty()) {
-    HttpClient::cancelRequest(transferId);
-    QLOG_INFO("cancel upload request");
-  } else {
+  // An upload ends at once with code 3; the reply of the cancelled transfer is then stale.
+  if (!hasTransfer()) {
     QLOG_INFO("cancel the waiting task");
+  } else if (step == Step::Signature) {
+    cancelTransfer();
+    QLOG_INFO("cancel signature request");
+  } else {
+    cancelTransfer();
+    QLOG_INFO("cancel upload request");
   }
-  finish(kFinished, 3, "", false);
+  finish(CloudStorageState::kFinished, CloudStorageResult::kCancelled, "", false);
 }
 
 }  // namespace cloud

@@ -5,6 +5,7 @@
 #include <quill_network/HttpPartData.h>
 #include <quill_network/HttpResponse.h>
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -22,9 +23,6 @@ class UploadTask : public ITask {
 public:
   UploadTask(const std::string& cachePath, int type, std::shared_ptr<CloudStorageRequest> request,
              std::shared_ptr<SerialQueue> queue, CompletionCallback completionCallback);
-  // Abandons a transfer still in flight (its completion finds the task gone and does nothing).
-  ~UploadTask() override;
-
   bool startWithConfig(CloudStorageConfig* config) override;
   void cancel() override;
 
@@ -56,25 +54,29 @@ public:
   bool uploadVideoParts(std::vector<HttpPartData>& parts);
 
 private:
+  // What the transfer in flight is, for the log line of a cancel. The video upload counts as the
+  // signature step: cancelling it has always logged "cancel signature request".
+  enum class Step { Signature, Upload };
+
   std::weak_ptr<UploadTask> weakSelf();
-  bool hasEnded() const;
+  // Opens the task's next transfer (see ITask::openTransfer) as `step`.
+  std::uint64_t openStep(Step step);
   // The network thread's end of a file-service upload: the reply parsed into (path, code, message).
   static void reportFileServiceReply(const std::weak_ptr<UploadTask>& task,
                                      const std::weak_ptr<SerialQueue>& queue,
-                                     const HttpResponse& response);
+                                     std::uint64_t transfer, const HttpResponse& response);
   // The network thread's end of an object-storage or video upload.
   static void reportSignedUploadEnd(const std::weak_ptr<UploadTask>& task,
-                                    const std::weak_ptr<SerialQueue>& queue,
+                                    const std::weak_ptr<SerialQueue>& queue, std::uint64_t transfer,
                                     const HttpResponse& response, const std::string& resultPath);
   std::map<std::string, std::string> signatureForm();
   std::map<std::string, std::string> videoSignatureForm();
-  void cancelSignatureRequest();
   // The common end of a signature reply: a cancelled request gives code 3, an empty message the
   // status text; a reply not accepted (code other than 2) is logged and ends the task. True when
   // the upload may go on.
   bool acceptSignatureReply(const HttpResponse& reply, int code, std::string message);
 
-  std::string signatureRequestId;
+  Step step = Step::Upload;
   std::string uploadFilePath;
 };
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <quill_cloud/CloudStorageCodes.h>
 #include <quill_cloud/quill_cloud_export.h>
 
 #include <cstdint>
@@ -28,14 +29,14 @@ struct CloudStorageEndCause {
 // it: the task writes the outcome (resultCode, resultMessage, and for uploads url and fileSize)
 // into this same object before stateCallback is called.
 //
-// Kinds: 1 image, 2 file, 3 video (uploads only). Result codes: 1 not ended yet, 2 success,
-// 3 cancelled, -1 failure found before or outside the transfer, -2/-3/-4 for a download answered
-// 404/403/400, -100 any other transfer or server failure.
+// Kinds are the values of CloudStorageKind, result codes those of CloudStorageResult
+// (CloudStorageCodes.h).
 class QUILL_CLOUD_EXPORT CloudStorageRequest {
 public:
   using Callback = std::function<void(std::shared_ptr<CloudStorageRequest>, int)>;
 
-  // Everything empty or zero, resultCode 1. `kind` is 0, which no request accepts: set it.
+  // Everything empty or zero, resultCode CloudStorageResult::kPending. `kind` is 0, which no
+  // request accepts: set it.
   explicit CloudStorageRequest(bool isUpload);
   CloudStorageRequest(const CloudStorageRequest&);
   CloudStorageRequest(CloudStorageRequest&&) noexcept;
@@ -64,7 +65,7 @@ public:
   std::int64_t fileSize = 0;
   std::string auxText3;
   std::string auxText4;
-  std::int32_t resultCode = 1;
+  std::int32_t resultCode = CloudStorageResult::kPending;
   std::string resultMessage;
   // Why the request ended (see CloudStorageEndCause); written before stateCallback.
   CloudStorageEndCause endCause;
@@ -73,7 +74,7 @@ public:
   std::int64_t bytesDone = 0;
   std::int64_t bytesTotal = -1;
   // Called once, on the service's serial queue, when the request has ended; the int is the task
-  // state (3, finished). The outcome is in resultCode and resultMessage.
+  // state (CloudStorageState::kFinished). The outcome is in resultCode and resultMessage.
   Callback stateCallback;
   // Called on the service's serial queue while bytes move, with whole percentages 0 to 99, each at
   // most once and never decreasing.

@@ -8,7 +8,8 @@
 
 namespace cloud {
 class CloudStorageLogic;
-}
+class ServiceFactory;
+}  // namespace cloud
 
 // The entry point of the library: the host makes one, tells it who the user is and hands it
 // requests. At most 2 uploads and 4 downloads run at once; the others wait, oldest first.
@@ -31,7 +32,8 @@ public:
   // promise a task: a request whose id is already known is dropped on the queue, without callback.
   bool excuteRequest(std::shared_ptr<CloudStorageRequest> request);
 
-  // Cancels the request with that id (resultCode 3); unknown ids are ignored.
+  // Cancels the request with that id (resultCode CloudStorageResult::kCancelled); unknown ids are
+  // ignored.
   void cancelReqestWithID(const std::string& requestId);
   void cancelAllReqest();
 
@@ -43,5 +45,10 @@ public:
   void changeAid(const std::string& aid);
 
 private:
+  // A service on a scheduler made inside the library (see cloud::ServiceFactory); not exported.
+  friend class cloud::ServiceFactory;
+  QUILL_CLOUD_NO_EXPORT explicit CloudStorageService(
+      std::shared_ptr<cloud::CloudStorageLogic> logic);
+
   std::shared_ptr<cloud::CloudStorageLogic> logicPtr;
 };
