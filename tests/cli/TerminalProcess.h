@@ -1,8 +1,8 @@
 #pragma once
 
+#include "ChildProcess.h"
+#include "ScreenTrace.h"
 #include "ToolProcess.h"
-
-#include <sys/types.h>
 
 #include <chrono>
 #include <string>
@@ -16,35 +16,15 @@ class TerminalProcess {
 public:
   TerminalProcess(const std::vector<std::string>& arguments, unsigned short rows,
                   unsigned short columns, const Environment& environment = {});
-  ~TerminalProcess();
-  TerminalProcess(const TerminalProcess&) = delete;
-  TerminalProcess& operator=(const TerminalProcess&) = delete;
 
-  bool started() const { return pid > 0; }
+  bool started() const { return child.started(); }
   // Reads until the program has closed the terminal and waits for it; its exit status, or -1 when
   // it did not end in time (it is then killed).
-  int finish(std::chrono::milliseconds timeout);
-  const std::string& output() const { return out; }
+  int finish(std::chrono::milliseconds timeout) { return child.finish(child.output(), timeout); }
+  const std::string& output() const { return child.output().text(); }
 
 private:
-  pid_t pid = -1;
-  int master = -1;
-  bool exited = false;
-  std::string out;
+  quill_test::ChildProcess child;
 };
-
-// What a terminal of `rows` rows does with the cursor-moving part of `bytes`: a line feed on the
-// last row scrolls the screen, cursor-up stops at the top row. Other escape sequences and text are
-// skipped (lines are assumed not to wrap).
-struct ScreenTrace {
-  // Lines scrolled off the top of the screen.
-  int scrolled = 0;
-  // The largest single cursor-up movement asked for.
-  int largestMoveUp = 0;
-  // Line feeds and escape sequences seen.
-  int lineFeeds = 0;
-  int escapes = 0;
-};
-ScreenTrace traceScreen(const std::string& bytes, int rows);
 
 }  // namespace cli_test

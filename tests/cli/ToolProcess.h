@@ -1,26 +1,25 @@
 #pragma once
 
+#include "ChildProcess.h"
+
 #include <sys/types.h>
 
 #include <chrono>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace cli_test {
 
-// The environment the program gets: the test program's own, or nothing when `clear`, with these
-// variables removed and these set.
-struct Environment {
-  bool clear = false;
-  std::vector<std::string> unset;
-  std::vector<std::pair<std::string, std::string>> set;
+// The environment the program gets (see ChildEnvironment), and the user it runs as.
+struct Environment : quill_test::ChildEnvironment {
   // When not -1 (and the test runs as root), the program runs as this user and group id.
   long runAs = -1;
-
-  // "NAME=value" entries for execve.
-  std::vector<std::string> entries() const;
 };
+
+// How the quill-cloud program is started with these arguments and this environment; its standard
+// streams are left for the caller to direct.
+quill_test::ChildLaunch toolLaunch(const std::vector<std::string>& arguments,
+                                   const Environment& environment);
 
 // The quill-cloud program run as a child process: standard output goes to a file, standard error
 // comes back through a pipe so that a test can wait for a line to appear. Killed when destroyed
@@ -33,8 +32,8 @@ public:
   ToolProcess(const ToolProcess&) = delete;
   ToolProcess& operator=(const ToolProcess&) = delete;
 
-  bool started() const { return pid > 0; }
-  pid_t processId() const { return pid; }
+  bool started() const { return child.started(); }
+  pid_t processId() const { return child.id(); }
 
   // Reads standard error until it holds `text`; false when the timeout passed or the pipe closed.
   bool waitForError(const std::string& text,
@@ -44,19 +43,12 @@ public:
   int finish(std::chrono::milliseconds timeout = std::chrono::seconds(60));
 
   const std::string& output() const { return out; }
-  const std::string& errors() const { return err; }
+  const std::string& errors() const { return child.errors().text(); }
 
 private:
-  // Reads what is available on the error pipe, waiting up to `timeout` for something; false at
-  // end of file.
-  bool readErrors(std::chrono::milliseconds timeout);
-
-  pid_t pid = -1;
-  int errorPipe = -1;
-  bool exited = false;
   std::string outputFile;
+  quill_test::ChildProcess child;
   std::string out;
-  std::string err;
 };
 
 // Runs the program to its end; shorthand for tests that need only the outcome.
@@ -68,12 +60,5 @@ struct Outcome {
 Outcome runTool(const std::vector<std::string>& arguments,
                 std::chrono::milliseconds timeout = std::chrono::seconds(60),
                 const Environment& environment = {});
-
-// argv for execv: the program, then `arguments`; the pointers point into `storage`.
-std::vector<char*> programArguments(const std::vector<std::string>& arguments,
-                                    std::vector<std::string>& storage);
-// envp for execve, pointing into `storage`.
-std::vector<char*> environmentPointers(const Environment& environment,
-                                       std::vector<std::string>& storage);
 
 }  // namespace cli_test

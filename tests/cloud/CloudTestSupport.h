@@ -3,6 +3,7 @@
 #include "inner/CloudStorageLogic.h"
 #include "task/ITask.h"
 
+#include "RecordedRequest.h"
 #include "TestSupport.h"
 
 #include <quill_base/SerialQueue.h>
@@ -98,66 +99,6 @@ public:
 private:
   std::mutex mutex;
   std::vector<std::shared_ptr<FakeTask>> made;
-};
-
-// A request that records each stateCallback call (state, resultCode, resultMessage) and each
-// progress percentage.
-struct RecordedRequest {
-  struct Ended {
-    int state = 0;
-    int code = 0;
-    std::string message;
-    CloudStorageEndCause cause;
-    std::int64_t bytesDone = 0;
-    std::int64_t bytesTotal = 0;
-  };
-
-  explicit RecordedRequest(bool isUpload, int kind,
-                           const std::string& id = TextUtils::UUID_String())
-      : request(std::make_shared<CloudStorageRequest>(isUpload)), log(std::make_shared<Log>()) {
-    request->kind = kind;
-    request->requestId = id;
-    auto shared = log;
-    request->stateCallback = [shared](std::shared_ptr<CloudStorageRequest> r, int state) {
-      {
-        std::lock_guard<std::mutex> lock(shared->mutex);
-        shared->ended.push_back(
-            {state, r->resultCode, r->resultMessage, r->endCause, r->bytesDone, r->bytesTotal});
-      }
-      shared->endings.add();
-    };
-  }
-
-  void recordProgress() {
-    auto shared = log;
-    request->progressCallback = [shared](std::shared_ptr<CloudStorageRequest>, int percent) {
-      std::lock_guard<std::mutex> lock(shared->mutex);
-      shared->percents.push_back(percent);
-    };
-  }
-
-  bool waitEnded(std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
-    return log->endings.waitFor(1, timeout);
-  }
-  int endCount() { return log->endings.value(); }
-  Ended ended() {
-    std::lock_guard<std::mutex> lock(log->mutex);
-    return log->ended.empty() ? Ended{} : log->ended.front();
-  }
-  std::vector<int> percents() {
-    std::lock_guard<std::mutex> lock(log->mutex);
-    return log->percents;
-  }
-
-  struct Log {
-    std::mutex mutex;
-    std::vector<Ended> ended;
-    std::vector<int> percents;
-    EventCounter endings;
-  };
-
-  std::shared_ptr<CloudStorageRequest> request;
-  std::shared_ptr<Log> log;
 };
 
 }  // namespace quill_test

@@ -1,10 +1,12 @@
 #include "CloudEnvironment.h"
+#include "TestFiles.h"
 #include "TestImages.h"
 
 #include <quill_base/FileUtils.h>
 #include <quill_base/SerialQueue.h>
 #include <quill_base/TextUtils.h>
 #include <quill_cloud/AvatarManager.h>
+#include <quill_cloud/CloudStorageService.h>
 
 #include <gtest/gtest.h>
 

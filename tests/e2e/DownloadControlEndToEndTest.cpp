@@ -1,6 +1,9 @@
 #include "CloudEnvironment.h"
+#include "TestFiles.h"
+#include "Tracked.h"
 
 #include <quill_base/FileUtils.h>
+#include <quill_cloud/CloudStorageService.h>
 
 #include <gtest/gtest.h>
 
@@ -34,7 +37,7 @@ struct DownloadControl : ::testing::Test {
   std::string slowUrl() const { return CloudEnvironment::url(slowPath + "?quill_rate=65536"); }
 
   Tracked download(const std::string& url, const std::string& name) {
-    Tracked tracked(false, 2);
+    Tracked tracked(false, CloudStorageKind::kFile);
     tracked.request->url = url;
     tracked.request->directory = destination.path();
     tracked.request->fileName = name;
@@ -53,7 +56,7 @@ TEST_F(DownloadControl, FourRunAndTheFifthWaits) {
   std::atomic<long> seenAtFirstEnd{-1};
   std::vector<Tracked> downloads;
   for (int i = 0; i < 5; ++i) {
-    downloads.emplace_back(false, 2);
+    downloads.emplace_back(false, CloudStorageKind::kFile);
     auto& tracked = downloads.back();
     tracked.request->url = CloudEnvironment::url(delayed + "?quill_delay_ms=1500");
     tracked.request->directory = destination.path();
@@ -63,7 +66,7 @@ TEST_F(DownloadControl, FourRunAndTheFifthWaits) {
   }
   for (auto& tracked : downloads) {
     ASSERT_TRUE(tracked.waitEnded());
-    EXPECT_EQ(tracked.code(), 2) << tracked.message();
+    EXPECT_EQ(tracked.code(), CloudStorageResult::kSuccess) << tracked.message();
   }
   EXPECT_EQ(seenAtFirstEnd.load(), 4);
   EXPECT_EQ(CloudEnvironment::server().requestCount() - before, 5u);
@@ -77,14 +80,14 @@ TEST_F(DownloadControl, CancelsAWaitingAndARunningDownload) {
   // The fifth waits: cancelled at once, without a transfer.
   service->cancelReqestWithID(downloads[4].request->requestId);
   ASSERT_TRUE(downloads[4].waitEnded(std::chrono::seconds(2)));
-  EXPECT_EQ(downloads[4].code(), 3);
+  EXPECT_EQ(downloads[4].code(), CloudStorageResult::kCancelled);
   EXPECT_EQ(downloads[4].message(), "");
 
   // A running one, once bytes have arrived.
   ASSERT_TRUE(quill_test::eventually([&] { return !downloads[0].percents().empty(); }));
   service->cancelReqestWithID(downloads[0].request->requestId);
   ASSERT_TRUE(downloads[0].waitEnded(std::chrono::seconds(3)));
-  EXPECT_EQ(downloads[0].code(), 3);
+  EXPECT_EQ(downloads[0].code(), CloudStorageResult::kCancelled);
   EXPECT_FALSE(FileUtils::fileExists(FileUtils::appendComponent(destination.path(), "c0")));
   // The others still grow there; the cancelled one's file (".c0.<random>.part") is gone.
   const auto cache = FileUtils::appendComponent(user.path(), "cloud_storage_caches");
@@ -96,7 +99,7 @@ TEST_F(DownloadControl, CancelsAWaitingAndARunningDownload) {
   service->cancelAllReqest();
   for (int i = 1; i < 4; ++i) {
     ASSERT_TRUE(downloads[i].waitEnded(std::chrono::seconds(3)));
-    EXPECT_EQ(downloads[i].code(), 3);
+    EXPECT_EQ(downloads[i].code(), CloudStorageResult::kCancelled);
     EXPECT_FALSE(FileUtils::fileExists(
         FileUtils::appendComponent(destination.path(), "c" + std::to_string(i))));
   }
@@ -116,7 +119,7 @@ TEST_F(DownloadControl, DestroyingTheServiceMidDownloadIsQuietAndLeavesNothing) 
   EXPECT_TRUE(quill_test::eventually([&] { return std::filesystem::is_empty(cache); }))
       << "the abandoned transfer's file is removed";
   EXPECT_EQ(tracked.endCount(), 0);
-  EXPECT_EQ(tracked.request->resultCode, 1);
+  EXPECT_EQ(tracked.request->resultCode, CloudStorageResult::kPending);
   EXPECT_FALSE(
       FileUtils::fileExists(FileUtils::appendComponent(destination.path(), "abandoned.bin")));
 }

@@ -1,5 +1,7 @@
 #include "CloudEnvironment.h"
 #include "SignedInFixture.h"
+#include "TestFiles.h"
+#include "Tracked.h"
 
 #include <quill_base/FileUtils.h>
 
@@ -38,12 +40,12 @@ struct DownloadEndToEnd : quill_test::SignedInFixture {
 TEST_F(DownloadEndToEnd, AFileAndAnImageArriveByteForByte) {
   const auto filePath = serve(3 * 1024 * 1024 + 17, 1);
   const auto imagePath = serve(150 * 1024, 2);
-  auto file = download(2, CloudEnvironment::url(filePath), "report.bin");
-  auto image = download(1, CloudEnvironment::url(imagePath), "avatar.png");
+  auto file = download(CloudStorageKind::kFile, CloudEnvironment::url(filePath), "report.bin");
+  auto image = download(CloudStorageKind::kImage, CloudEnvironment::url(imagePath), "avatar.png");
   ASSERT_TRUE(file.waitEnded());
   ASSERT_TRUE(image.waitEnded());
-  EXPECT_EQ(file.code(), 2) << file.message();
-  EXPECT_EQ(image.code(), 2) << image.message();
+  EXPECT_EQ(file.code(), CloudStorageResult::kSuccess) << file.message();
+  EXPECT_EQ(image.code(), CloudStorageResult::kSuccess) << image.message();
   EXPECT_EQ(readFile(finalPath("report.bin")),
             readFile(CloudEnvironment::server().storedFile(filePath)));
   EXPECT_EQ(readFile(finalPath("avatar.png")),
@@ -63,10 +65,12 @@ TEST_F(DownloadEndToEnd, StatusesGiveTheirCodes) {
   std::vector<Tracked> downloads;
   for (const auto& [status, code] : rows) {
     downloads.push_back(
-        download(2, CloudEnvironment::url(path + "?quill_status=" + std::to_string(status)),
+        download(CloudStorageKind::kFile,
+                 CloudEnvironment::url(path + "?quill_status=" + std::to_string(status)),
                  "status" + std::to_string(status)));
   }
-  downloads.push_back(download(2, CloudEnvironment::url("/files/no-such-key"), "missing"));
+  downloads.push_back(
+      download(CloudStorageKind::kFile, CloudEnvironment::url("/files/no-such-key"), "missing"));
   for (std::size_t i = 0; i < rows.size(); ++i) {
     ASSERT_TRUE(downloads[i].waitEnded());
     EXPECT_EQ(downloads[i].code(), rows[i].second) << rows[i].first;
@@ -74,14 +78,14 @@ TEST_F(DownloadEndToEnd, StatusesGiveTheirCodes) {
     EXPECT_FALSE(FileUtils::fileExists(finalPath("status" + std::to_string(rows[i].first))));
   }
   ASSERT_TRUE(downloads.back().waitEnded());
-  EXPECT_EQ(downloads.back().code(), -2);
+  EXPECT_EQ(downloads.back().code(), CloudStorageResult::kNotFound);
 }
 
 TEST_F(DownloadEndToEnd, AnEmptyBodyLandsNothing) {
   const auto path = serve(0);
-  auto empty = download(2, CloudEnvironment::url(path), "empty.bin");
+  auto empty = download(CloudStorageKind::kFile, CloudEnvironment::url(path), "empty.bin");
   ASSERT_TRUE(empty.waitEnded());
-  EXPECT_EQ(empty.code(), -1);
+  EXPECT_EQ(empty.code(), CloudStorageResult::kFailed);
   EXPECT_EQ(empty.message(), "");
   EXPECT_FALSE(FileUtils::fileExists(finalPath("empty.bin")));
 }
@@ -94,10 +98,10 @@ TEST_F(DownloadEndToEnd, AFailingImageIsRetriedOnTheCdnHost) {
   CloudEnvironment::server().addFault(staticFails);
 
   const auto started = std::chrono::steady_clock::now();
-  auto image = download(1, CloudEnvironment::staticUrl(path), "retried.png");
+  auto image = download(CloudStorageKind::kImage, CloudEnvironment::staticUrl(path), "retried.png");
   ASSERT_TRUE(image.waitEnded());
   CloudEnvironment::server().clearFaults();
-  EXPECT_EQ(image.code(), 2) << image.message();
+  EXPECT_EQ(image.code(), CloudStorageResult::kSuccess) << image.message();
   EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(2000));
   EXPECT_EQ(image.request->url, CloudEnvironment::url(path));
   EXPECT_EQ(readFile(finalPath("retried.png")),
@@ -110,11 +114,11 @@ TEST_F(DownloadEndToEnd, AFailingFileIsNotRetried) {
   staticFails.host = CloudEnvironment::staticHost();
   staticFails.status = 500;
   CloudEnvironment::server().addFault(staticFails);
-  auto file = download(2, CloudEnvironment::staticUrl(path), "file.bin");
+  auto file = download(CloudStorageKind::kFile, CloudEnvironment::staticUrl(path), "file.bin");
   ASSERT_TRUE(file.waitEnded(std::chrono::milliseconds(1900)))
       << "ended before a retry could have run";
   CloudEnvironment::server().clearFaults();
-  EXPECT_EQ(file.code(), -100);
+  EXPECT_EQ(file.code(), CloudStorageResult::kTransferFailed);
   EXPECT_EQ(file.message(), "500");
   EXPECT_EQ(file.request->url, CloudEnvironment::staticUrl(path));
 }
@@ -123,13 +127,13 @@ TEST_F(DownloadEndToEnd, BeforeAnyUserTheFileGoesStraightToItsPlace) {
   TempDir otherUser;
   auto fresh = std::make_unique<CloudStorageService>(true);
   const auto path = serve(200 * 1024, 4);
-  Tracked tracked(false, 2);
+  Tracked tracked(false, CloudStorageKind::kFile);
   tracked.request->url = CloudEnvironment::url(path);
   tracked.request->directory = destination.path();
   tracked.request->fileName = "direct.bin";
   ASSERT_TRUE(fresh->excuteRequest(tracked.request));
   ASSERT_TRUE(tracked.waitEnded());
-  EXPECT_EQ(tracked.code(), 2);
+  EXPECT_EQ(tracked.code(), CloudStorageResult::kSuccess);
   EXPECT_EQ(readFile(finalPath("direct.bin")),
             readFile(CloudEnvironment::server().storedFile(path)));
   EXPECT_FALSE(FileUtils::directoryExists(

@@ -3,6 +3,8 @@
 // refused, and every failure says why.
 #include "CloudEnvironment.h"
 #include "SignedInFixture.h"
+#include "TestFiles.h"
+#include "Tracked.h"
 
 #include <quill_base/FileUtils.h>
 
@@ -37,8 +39,8 @@ struct SafeDownload : quill_test::SignedInFixture {
                      otherDestination.path(), "same.bin");
     ASSERT_TRUE(one.waitEnded());
     ASSERT_TRUE(two.waitEnded());
-    EXPECT_EQ(one.code(), 2) << one.cause().text;
-    EXPECT_EQ(two.code(), 2) << two.cause().text;
+    EXPECT_EQ(one.code(), CloudStorageResult::kSuccess) << one.cause().text;
+    EXPECT_EQ(two.code(), CloudStorageResult::kSuccess) << two.cause().text;
     EXPECT_EQ(readFile(FileUtils::appendComponent(destination.path(), "same.bin")),
               readFile(firstLocal));
     EXPECT_EQ(readFile(FileUtils::appendComponent(otherDestination.path(), "same.bin")),
@@ -48,7 +50,7 @@ struct SafeDownload : quill_test::SignedInFixture {
 
   static Tracked start(CloudStorageService& through, const std::string& url,
                        const std::string& directory, const std::string& name) {
-    Tracked tracked(false, 2);
+    Tracked tracked(false, CloudStorageKind::kFile);
     tracked.request->url = url;
     tracked.request->directory = directory;
     tracked.request->fileName = name;
@@ -83,7 +85,7 @@ TEST_F(SafeDownload, AnExistingFileSurvivesFailedDownloadsAndIsReplacedByAWholeO
       auto failed =
           start(*through, CloudEnvironment::url(path + query), destination.path(), "notes.txt");
       ASSERT_TRUE(failed.waitEnded());
-      EXPECT_EQ(failed.code(), -100);
+      EXPECT_EQ(failed.code(), CloudStorageResult::kTransferFailed);
       EXPECT_FALSE(failed.cause().text.empty());
       EXPECT_EQ(readFile(finalPath), "the user's notes");
       EXPECT_EQ(entriesIn(destination.path()), 1u) << "no temporary file left beside it";
@@ -91,7 +93,7 @@ TEST_F(SafeDownload, AnExistingFileSurvivesFailedDownloadsAndIsReplacedByAWholeO
   }
   auto whole = start(*service, CloudEnvironment::url(path), destination.path(), "notes.txt");
   ASSERT_TRUE(whole.waitEnded());
-  EXPECT_EQ(whole.code(), 2) << whole.cause().text;
+  EXPECT_EQ(whole.code(), CloudStorageResult::kSuccess) << whole.cause().text;
   EXPECT_EQ(readFile(finalPath), readFile(local));
   EXPECT_EQ(entriesIn(cacheDirectory()), 0u);
 }
@@ -111,11 +113,11 @@ TEST_F(SafeDownload, ALinkPlantedAtTheOldCacheNameIsNeverWrittenThrough) {
   }
   auto viaCache = start(*service, CloudEnvironment::url(path), destination.path(), "x.bin");
   ASSERT_TRUE(viaCache.waitEnded());
-  EXPECT_EQ(viaCache.code(), 2) << viaCache.cause().text;
+  EXPECT_EQ(viaCache.code(), CloudStorageResult::kSuccess) << viaCache.cause().text;
   // A link at the final path is replaced by the file, its target left alone.
   auto ontoLink = start(*service, CloudEnvironment::url(path), destination.path(), "y.bin");
   ASSERT_TRUE(ontoLink.waitEnded());
-  EXPECT_EQ(ontoLink.code(), 2) << ontoLink.cause().text;
+  EXPECT_EQ(ontoLink.code(), CloudStorageResult::kSuccess) << ontoLink.cause().text;
   EXPECT_EQ(readFile(victim), "someone else's");
   EXPECT_EQ(readFile(FileUtils::appendComponent(destination.path(), "x.bin")), readFile(local));
   EXPECT_EQ(readFile(FileUtils::appendComponent(destination.path(), "y.bin")), readFile(local));
@@ -129,7 +131,7 @@ TEST_F(SafeDownload, ANameThatClimbsOutIsRefusedAndNothingIsWritten) {
   ASSERT_TRUE(FileUtils::makeDirectory(inner));
   auto refused = start(*service, CloudEnvironment::url(path), inner, "../../x");
   ASSERT_TRUE(refused.waitEnded());
-  EXPECT_EQ(refused.code(), -1);
+  EXPECT_EQ(refused.code(), CloudStorageResult::kFailed);
   EXPECT_EQ(refused.message(), "the download file name is not a plain file name");
   EXPECT_EQ(entriesIn(inner), 0u);
   EXPECT_EQ(entriesIn(destination.path()), 1u);

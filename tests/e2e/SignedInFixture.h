@@ -1,6 +1,7 @@
 #pragma once
 
 #include "CloudEnvironment.h"
+#include "TestFiles.h"
 
 #include <quill_base/TextUtils.h>
 #include <quill_cloud/CloudStorageService.h>
@@ -14,7 +15,7 @@
 namespace quill_test {
 
 // A service whose user is signed in (user directory of its own), a directory to download into,
-// and files put on the reference file service.
+// and a source directory for files put on the reference file service or uploaded to it.
 struct SignedInFixture : ::testing::Test {
   TempDir user;
   TempDir destination;

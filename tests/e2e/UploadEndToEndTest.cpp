@@ -1,8 +1,11 @@
 #include "CloudEnvironment.h"
 #include "LogCapture.h"
+#include "TestFiles.h"
+#include "Tracked.h"
 
 #include <quill_base/FileUtils.h>
 #include <quill_base/TextUtils.h>
+#include <quill_cloud/CloudStorageService.h>
 
 #include <gtest/gtest.h>
 
@@ -50,13 +53,13 @@ struct UploadEndToEnd : ::testing::Test {
 
   // Downloads `url` through the service and returns the bytes.
   std::string downloadBack(const std::string& url) {
-    Tracked tracked(false, 2);
+    Tracked tracked(false, CloudStorageKind::kFile);
     tracked.request->url = url;
     tracked.request->directory = downloads.path();
     tracked.request->fileName = TextUtils::UUID_String();
     EXPECT_TRUE(service->excuteRequest(tracked.request));
     EXPECT_TRUE(tracked.waitEnded());
-    EXPECT_EQ(tracked.code(), 2) << url << " " << tracked.message();
+    EXPECT_EQ(tracked.code(), CloudStorageResult::kSuccess) << url << " " << tracked.message();
     return readFile(FileUtils::appendComponent(downloads.path(), tracked.request->fileName));
   }
 };
@@ -65,9 +68,9 @@ struct UploadEndToEnd : ::testing::Test {
 
 TEST_F(UploadEndToEnd, AnImageComesBackByteForByte) {
   signIn();
-  auto image = upload(1, "photo.jpg", 300 * 1024);
+  auto image = upload(CloudStorageKind::kImage, "photo.jpg", 300 * 1024);
   ASSERT_TRUE(image.waitEnded());
-  ASSERT_EQ(image.code(), 2) << image.message();
+  ASSERT_EQ(image.code(), CloudStorageResult::kSuccess) << image.message();
   EXPECT_EQ(image.request->fileSize, 300 * 1024);
   const auto prefix = CloudEnvironment::url("/files/");
   ASSERT_EQ(image.url().rfind(prefix, 0), 0u) << image.url();
@@ -77,9 +80,9 @@ TEST_F(UploadEndToEnd, AnImageComesBackByteForByte) {
 
 TEST_F(UploadEndToEnd, AFileGoesThroughTheSignedObjectStorageUpload) {
   signIn();
-  auto file = upload(2, "report.pdf", 2 * 1024 * 1024 + 3);
+  auto file = upload(CloudStorageKind::kFile, "report.pdf", 2 * 1024 * 1024 + 3);
   ASSERT_TRUE(file.waitEnded());
-  ASSERT_EQ(file.code(), 2) << file.message();
+  ASSERT_EQ(file.code(), CloudStorageResult::kSuccess) << file.message();
   ASSERT_EQ(file.url().rfind(CloudEnvironment::url("/objects/"), 0), 0u) << file.url();
   EXPECT_EQ(FileUtils::fileExtension(file.url()), "pdf");
   EXPECT_EQ(downloadBack(file.url()), readFile(files.file("report.pdf")));
@@ -88,9 +91,9 @@ TEST_F(UploadEndToEnd, AFileGoesThroughTheSignedObjectStorageUpload) {
 
 TEST_F(UploadEndToEnd, AVideoGoesThroughTheVideoUpload) {
   signIn();
-  auto video = upload(3, "clip.mov", 1024 * 1024 + 9);
+  auto video = upload(CloudStorageKind::kVideo, "clip.mov", 1024 * 1024 + 9);
   ASSERT_TRUE(video.waitEnded());
-  ASSERT_EQ(video.code(), 2) << video.message();
+  ASSERT_EQ(video.code(), CloudStorageResult::kSuccess) << video.message();
   ASSERT_EQ(video.url().rfind(CloudEnvironment::url("/vod/"), 0), 0u) << video.url();
   EXPECT_EQ(downloadBack(video.url()), readFile(files.file("clip.mov")));
 }
@@ -99,7 +102,7 @@ TEST_F(UploadEndToEnd, UploadsWaitForTheAccountAndStartWithChangeAid) {
   LogCapture logs(log4cplus::WARN_LOG_LEVEL);
   service->changeUser("app", "pin", user.path());
   const auto before = CloudEnvironment::server().requestCount();
-  auto held = upload(1, "held.png", 10 * 1024);
+  auto held = upload(CloudStorageKind::kImage, "held.png", 10 * 1024);
   ASSERT_TRUE(quill_test::eventually(
       [&] { return logs.contains(log4cplus::WARN_LOG_LEVEL, " waiting configuration"); }));
   EXPECT_EQ(CloudEnvironment::server().requestCount(), before);
@@ -107,7 +110,7 @@ TEST_F(UploadEndToEnd, UploadsWaitForTheAccountAndStartWithChangeAid) {
 
   service->changeAid("aid");
   ASSERT_TRUE(held.waitEnded());
-  EXPECT_EQ(held.code(), 2) << held.message();
+  EXPECT_EQ(held.code(), CloudStorageResult::kSuccess) << held.message();
 }
 
 TEST_F(UploadEndToEnd, TwoUploadsRunAtOnce) {
@@ -120,7 +123,7 @@ TEST_F(UploadEndToEnd, TwoUploadsRunAtOnce) {
   std::atomic<long> seenAtFirstEnd{-1};
   std::vector<Tracked> uploads;
   for (int i = 0; i < 3; ++i) {
-    uploads.push_back(Tracked(true, 1));
+    uploads.push_back(Tracked(true, CloudStorageKind::kImage));
     auto& tracked = uploads.back();
     const auto name = "u" + std::to_string(i) + ".png";
     writePattern(files.file(name), 8 * 1024, i);
@@ -131,7 +134,7 @@ TEST_F(UploadEndToEnd, TwoUploadsRunAtOnce) {
   }
   for (auto& tracked : uploads) {
     ASSERT_TRUE(tracked.waitEnded());
-    EXPECT_EQ(tracked.code(), 2) << tracked.message();
+    EXPECT_EQ(tracked.code(), CloudStorageResult::kSuccess) << tracked.message();
   }
   CloudEnvironment::server().clearFaults();
   EXPECT_EQ(seenAtFirstEnd.load(), 2) << "the third waited for one of the first two";
@@ -146,12 +149,12 @@ TEST_F(UploadEndToEnd, ABigUploadStreamsWithBoundedMemory) {
   signIn();
   writePattern(files.file("big.bin"), size, 9);
   const auto baseline = peakResidentKiB();
-  Tracked big(true, 2);
+  Tracked big(true, CloudStorageKind::kFile);
   big.request->directory = files.path();
   big.request->fileName = "big.bin";
   ASSERT_TRUE(service->excuteRequest(big.request));
   ASSERT_TRUE(big.waitEnded(std::chrono::minutes(5)));
-  ASSERT_EQ(big.code(), 2) << big.message();
+  ASSERT_EQ(big.code(), CloudStorageResult::kSuccess) << big.message();
   [[maybe_unused]] const auto grownKiB = peakResidentKiB() - baseline;
 #if !defined(QUILL_SANITIZER_BUILD)
   EXPECT_LT(grownKiB, 48u * 1024) << "peak memory grew by " << grownKiB << " KiB";

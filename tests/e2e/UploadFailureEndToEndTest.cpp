@@ -1,6 +1,10 @@
 #include "CloudEnvironment.h"
+#include "SignedInFixture.h"
+#include "TestFiles.h"
+#include "Tracked.h"
 
 #include <quill_base/FileUtils.h>
+#include <quill_cloud/CloudStorageService.h>
 
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
@@ -9,27 +13,19 @@
 #include <ctime>
 
 using quill_test::CloudEnvironment;
-using quill_test::TempDir;
 using quill_test::Tracked;
 using quill_test::writePattern;
 
 namespace {
 
-struct UploadFailure : ::testing::Test {
-  TempDir user;
-  TempDir files;
-  std::unique_ptr<CloudStorageService> service = std::make_unique<CloudStorageService>(true);
-
-  void SetUp() override {
-    service->changeUser("app", "pin", user.path());
-    service->changeAid("aid");
-  }
+struct UploadFailure : quill_test::SignedInFixture {
   void TearDown() override { CloudEnvironment::server().clearFaults(); }
 
+  // Uploads `size` pattern bytes from a file of the source directory.
   Tracked upload(int kind, const std::string& name, std::size_t size = 16 * 1024) {
-    writePattern(files.file(name), size);
+    writePattern(source.file(name), size);
     Tracked tracked(true, kind);
-    tracked.request->directory = files.path();
+    tracked.request->directory = source.path();
     tracked.request->fileName = name;
     EXPECT_TRUE(service->excuteRequest(tracked.request));
     return tracked;
@@ -63,59 +59,59 @@ std::string hmacHex(const std::string& key, const std::string& message) {
 
 TEST_F(UploadFailure, TheFileServiceRefusesWithAndWithoutAMessage) {
   replyWith("/file/uploadImg.action", 200, R"({"code":3,"msg":"quota exceeded"})");
-  auto refused = upload(1, "a.png");
+  auto refused = upload(CloudStorageKind::kImage, "a.png");
   ASSERT_TRUE(refused.waitEnded());
-  EXPECT_EQ(refused.code(), -100);
+  EXPECT_EQ(refused.code(), CloudStorageResult::kTransferFailed);
   EXPECT_EQ(refused.message(), "quota exceeded");
   EXPECT_EQ(refused.url(), "");
 
   CloudEnvironment::server().clearFaults();
   replyWith("/file/uploadImg.action", 200, R"({"code":3})");
-  auto silent = upload(1, "b.png");
+  auto silent = upload(CloudStorageKind::kImage, "b.png");
   ASSERT_TRUE(silent.waitEnded());
-  EXPECT_EQ(silent.code(), -100);
+  EXPECT_EQ(silent.code(), CloudStorageResult::kTransferFailed);
   EXPECT_EQ(silent.message(), "");
 }
 
 TEST_F(UploadFailure, MalformedRepliesAndServerErrors) {
   replyWith("/file/uploadImg.action", 200, "{not json");
-  auto malformed = upload(1, "m.png");
+  auto malformed = upload(CloudStorageKind::kImage, "m.png");
   ASSERT_TRUE(malformed.waitEnded());
-  EXPECT_EQ(malformed.code(), -100);
+  EXPECT_EQ(malformed.code(), CloudStorageResult::kTransferFailed);
   EXPECT_EQ(malformed.message(), "parse response failed");
 
   CloudEnvironment::server().clearFaults();
   replyWith("/file/uploadImg.action", 500, "internal error");
-  auto broken = upload(1, "e.png");
+  auto broken = upload(CloudStorageKind::kImage, "e.png");
   ASSERT_TRUE(broken.waitEnded());
-  EXPECT_EQ(broken.code(), -100);
+  EXPECT_EQ(broken.code(), CloudStorageResult::kTransferFailed);
   EXPECT_NE(broken.message().find("500"), std::string::npos) << broken.message();
 }
 
 TEST_F(UploadFailure, SignatureRefusals) {
   replyWith("/file/uploadBySignature.action", 200, R"({"code":0,"desc":"account frozen"})");
-  auto described = upload(2, "d.pdf");
+  auto described = upload(CloudStorageKind::kFile, "d.pdf");
   ASSERT_TRUE(described.waitEnded());
-  EXPECT_EQ(described.code(), -100);
+  EXPECT_EQ(described.code(), CloudStorageResult::kTransferFailed);
   EXPECT_EQ(described.message(), "account frozen");
 
   CloudEnvironment::server().clearFaults();
   replyWith("/file/uploadBySignature.action", 200, R"({"code":0})");
-  auto bare = upload(2, "e.pdf");
+  auto bare = upload(CloudStorageKind::kFile, "e.pdf");
   ASSERT_TRUE(bare.waitEnded());
   EXPECT_EQ(bare.message(), "request signature,0");
 
   CloudEnvironment::server().clearFaults();
   replyWith("/file/uploadBySignature.action", 200, "<html>");
-  auto malformed = upload(2, "f.pdf");
+  auto malformed = upload(CloudStorageKind::kFile, "f.pdf");
   ASSERT_TRUE(malformed.waitEnded());
   EXPECT_EQ(malformed.message(), "parse signature response failed");
 
   CloudEnvironment::server().clearFaults();
   replyWith("/file/uploadBySignature.action", 500, "");
-  auto failed = upload(2, "g.pdf");
+  auto failed = upload(CloudStorageKind::kFile, "g.pdf");
   ASSERT_TRUE(failed.waitEnded());
-  EXPECT_EQ(failed.code(), -100);
+  EXPECT_EQ(failed.code(), CloudStorageResult::kTransferFailed);
   EXPECT_EQ(failed.message(), "request signature failed, 500");
 }
 
@@ -130,9 +126,9 @@ TEST_F(UploadFailure, AnExpiredSignatureIsRefusedWith403) {
                                       "&signature=" + signature) +
                 R"(","path":"//)" + CloudEnvironment::server().hostPort() + "/objects/" + key +
                 R"("})");
-  auto expired = upload(2, "x.bin");
+  auto expired = upload(CloudStorageKind::kFile, "x.bin");
   ASSERT_TRUE(expired.waitEnded());
-  EXPECT_EQ(expired.code(), -100);
+  EXPECT_EQ(expired.code(), CloudStorageResult::kTransferFailed);
   EXPECT_NE(expired.message().find("403"), std::string::npos) << expired.message();
   EXPECT_TRUE(CloudEnvironment::server().storedFile("/objects/" + key).empty());
 }
@@ -153,7 +149,7 @@ TEST_F(UploadFailure, CancelMidUploadOnEachRoute) {
         [&] { return CloudEnvironment::server().requestCount() - before >= requests; }));
     service->cancelReqestWithID(tracked.request->requestId);
     ASSERT_TRUE(tracked.waitEnded(std::chrono::seconds(3)));
-    EXPECT_EQ(tracked.code(), 3) << prefix;
+    EXPECT_EQ(tracked.code(), CloudStorageResult::kCancelled) << prefix;
     EXPECT_EQ(tracked.message(), "") << prefix;
     EXPECT_EQ(tracked.url(), "");
     CloudEnvironment::server().clearFaults();

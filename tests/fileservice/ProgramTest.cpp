@@ -1,15 +1,11 @@
 // The quill-fileservice program run as a separate process: --port 0 prints the port as the first
 // line, --tls with --ca-out writes a CA that clients can trust, the control endpoint drives faults
 // from outside, and SIGTERM (or SIGINT) stops it cleanly with exit status 0.
+#include "ChildProcess.h"
 #include "FileServiceTestSupport.h"
 
-#include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <vector>
 
@@ -23,114 +19,54 @@ namespace {
 class Program {
 public:
   // Standard error goes to `errorFile` when given.
-  explicit Program(const std::vector<std::string>& arguments, const std::string& errorFile = "") {
-    int out[2];
-    if (pipe2(out, O_CLOEXEC) != 0) {
-      return;
-    }
-    std::vector<std::string> all{QUILL_FILESERVICE_PROGRAM};
-    all.insert(all.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (auto& argument : all) {
-      argv.push_back(argument.data());
-    }
-    argv.push_back(nullptr);
-    pid = fork();
-    if (pid == 0) {
-      dup2(out[1], STDOUT_FILENO);
-      if (!errorFile.empty()) {
-        const int error = open(errorFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(error, STDERR_FILENO);
-      }
-      // Only standard input, output and error reach the program.
-      for (int fd = 3; fd < 1024; ++fd) {
-        close(fd);
-      }
-      execv(argv[0], argv.data());
-      _exit(127);
-    }
-    close(out[1]);
-    output = out[0];
-  }
-  ~Program() {
-    if (pid > 0 && !exited) {
-      kill(pid, SIGKILL);
-      waitpid(pid, nullptr, 0);
-    }
-    if (output >= 0) {
-      close(output);
-    }
-  }
-  Program(const Program&) = delete;
-  Program& operator=(const Program&) = delete;
+  explicit Program(const std::vector<std::string>& arguments, const std::string& errorFile = "")
+      : child(launch(arguments, errorFile)) {}
+
+  pid_t pid() const { return child.id(); }
 
   // The first line of standard output, waited for up to the timeout; "" when none came.
   std::string firstLine(std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
-    const auto deadline = Clock::now() + timeout;
-    std::string line;
-    while (Clock::now() < deadline) {
-      pollfd entry{output, POLLIN, 0};
-      const auto left =
-          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-      if (poll(&entry, 1, static_cast<int>(std::max<long long>(left, 1))) <= 0) {
-        continue;
-      }
-      char c = 0;
-      const ssize_t got = read(output, &c, 1);
-      if (got <= 0) {
-        return {};
-      }
-      if (c == '\n') {
-        return line;
-      }
-      line.push_back(c);
+    if (!child.output().readUntil("\n", timeout)) {
+      return {};
     }
-    return {};
+    const auto& text = child.output().text();
+    firstLineEnd = text.find('\n') + 1;
+    return text.substr(0, firstLineEnd - 1);
   }
 
   // Everything left on standard output until the program closes it (or the timeout passes).
   std::string remainingOutput(std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
-    const auto deadline = Clock::now() + timeout;
-    std::string text;
-    char buffer[4096];
-    while (Clock::now() < deadline) {
-      pollfd entry{output, POLLIN, 0};
-      if (poll(&entry, 1, 100) <= 0) {
-        continue;
-      }
-      const ssize_t got = read(output, buffer, sizeof buffer);
-      if (got <= 0) {
-        break;
-      }
-      text.append(buffer, static_cast<std::size_t>(got));
-    }
-    return text;
+    child.output().readToEnd(timeout);
+    return child.output().text().substr(firstLineEnd);
   }
 
-  // Sends the signal and waits for the exit; the exit status, or -1 on a timeout or a death by
-  // signal.
+  // Sends the signal and waits for the exit; as wait().
   int stop(int signal, std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
-    kill(pid, signal);
+    child.signal(signal);
     return wait(timeout);
   }
 
-  // Waits for the program to exit by itself; as stop().
+  // Waits for the program to exit by itself: the exit status, 128 + the signal's number when a
+  // signal ended it, or -1 on a timeout.
   int wait(std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
-    int status = 0;
-    const bool done =
-        quill_test::eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; }, timeout);
-    if (!done) {
-      return -1;
-    }
-    exited = true;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return child.waitForExit(timeout);
   }
 
-  pid_t pid = -1;
-
 private:
-  int output = -1;
-  bool exited = false;
+  static quill_test::ChildLaunch launch(const std::vector<std::string>& arguments,
+                                        const std::string& errorFile) {
+    quill_test::ChildLaunch launch;
+    launch.command = {QUILL_FILESERVICE_PROGRAM};
+    launch.command.insert(launch.command.end(), arguments.begin(), arguments.end());
+    launch.output = quill_test::ChildStream::pipe();
+    if (!errorFile.empty()) {
+      launch.errors = quill_test::ChildStream::file(errorFile);
+    }
+    return launch;
+  }
+
+  quill_test::ChildProcess child;
+  std::size_t firstLineEnd = 0;
 };
 
 int parsePort(const std::string& line) {
@@ -145,7 +81,7 @@ TEST(Program, ServesHttpsWithTheCaItWroteAndStopsCleanlyOnSigterm) {
   quill_test::TempDir dir;
   Program program(
       {"--tls", "--port", "0", "--data", dir.file("data"), "--ca-out", dir.file("out/ca.pem")});
-  ASSERT_GT(program.pid, 0);
+  ASSERT_GT(program.pid(), 0);
   const std::string line = program.firstLine();
   const int port = parsePort(line);
   ASSERT_GT(port, 0) << "first line: '" << line << "'";

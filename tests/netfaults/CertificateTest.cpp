@@ -92,8 +92,8 @@ protected:
     pointHostsAt(NetFaultsEnvironment::proxyHost());
   }
 
-  Transfer& start(bool upload, int kind, const std::string& fileName) {
-    auto transfer = std::make_unique<Transfer>(upload, kind);
+  RecordedRequest& start(bool upload, int kind, const std::string& fileName) {
+    auto transfer = std::make_unique<RecordedRequest>(upload, kind);
     if (upload) {
       transfer->request->directory = sources.path();
       transfer->request->fileName = fileName;
@@ -113,17 +113,17 @@ protected:
   std::unique_ptr<quill_fileservice::FileService> server;
   std::string served;
   std::unique_ptr<CloudStorageService> service;
-  std::vector<std::unique_ptr<Transfer>> transfers;
+  std::vector<std::unique_ptr<RecordedRequest>> transfers;
 };
 
 TEST_P(Certificates, DecideWhetherAnythingIsTransferred) {
-  auto& download = start(false, 2, "downloaded.bin");
-  auto& imageUpload = start(true, 1, "photo.png");
-  auto& fileUpload = start(true, 2, "report.pdf");
-  auto& videoUpload = start(true, 3, "clip.mov");
+  auto& download = start(false, CloudStorageKind::kFile, "downloaded.bin");
+  auto& imageUpload = start(true, CloudStorageKind::kImage, "photo.png");
+  auto& fileUpload = start(true, CloudStorageKind::kFile, "report.pdf");
+  auto& videoUpload = start(true, CloudStorageKind::kVideo, "clip.mov");
   for (const auto& transfer : transfers) {
     ASSERT_TRUE(transfer->waitEnded(seconds(60)));
-    EXPECT_EQ(transfer->endings(), 1);
+    EXPECT_EQ(transfer->endCount(), 1);
   }
   const auto finalFile = FileUtils::appendComponent(downloads.path(), "downloaded.bin");
   for (const auto& transfer : transfers) {
@@ -133,32 +133,33 @@ TEST_P(Certificates, DecideWhetherAnythingIsTransferred) {
   }
 
   if (GetParam() == Certificate::Good) {
-    EXPECT_EQ(download.code(), 2) << download.message();
+    EXPECT_EQ(download.code(), CloudStorageResult::kSuccess) << download.message();
     EXPECT_TRUE(FileUtils::sameContent(finalFile, sources.file("source.bin")));
-    for (Transfer* upload : {&imageUpload, &fileUpload, &videoUpload}) {
-      EXPECT_EQ(upload->code(), 2) << upload->request->fileName << ": " << upload->message();
+    for (RecordedRequest* upload : {&imageUpload, &fileUpload, &videoUpload}) {
+      EXPECT_EQ(upload->code(), CloudStorageResult::kSuccess)
+          << upload->request->fileName << ": " << upload->message();
     }
     EXPECT_GE(server->requestCount(), 6u);
     return;
   }
 
   // Refused during the handshake: no status ever arrived.
-  EXPECT_EQ(download.code(), -100);
+  EXPECT_EQ(download.code(), CloudStorageResult::kTransferFailed);
   EXPECT_EQ(download.message(), "0");
-  EXPECT_FALSE(download.fileAtEnd());
+  EXPECT_FALSE(download.ended().fileAtEnd);
   EXPECT_FALSE(FileUtils::fileExists(finalFile));
   // The file-service upload reports the transfer's description; the signed routes fail at their
   // signature request.
-  EXPECT_EQ(imageUpload.code(), -100);
+  EXPECT_EQ(imageUpload.code(), CloudStorageResult::kTransferFailed);
   EXPECT_FALSE(imageUpload.message().empty());
   // The description names the reason the certificate was refused (libcurl's wording).
   const char* reason = GetParam() == Certificate::Untrusted ? "local issuer"
                        : GetParam() == Certificate::Expired ? "expired"
                                                             : "subject name";
   EXPECT_NE(imageUpload.message().find(reason), std::string::npos) << imageUpload.message();
-  EXPECT_EQ(fileUpload.code(), -100);
+  EXPECT_EQ(fileUpload.code(), CloudStorageResult::kTransferFailed);
   EXPECT_EQ(fileUpload.message(), "request signature failed, 0");
-  EXPECT_EQ(videoUpload.code(), -100);
+  EXPECT_EQ(videoUpload.code(), CloudStorageResult::kTransferFailed);
   EXPECT_EQ(videoUpload.message(), "request signature failed, 0");
   for (const auto& transfer : transfers) {
     EXPECT_EQ(transfer->url(), transfer->request->isUpload ? "" : transfer->request->url);

@@ -1,18 +1,17 @@
 #pragma once
 
 #include "FaultProxy.h"
+#include "FileServiceEnvironment.h"
+#include "RecordedRequest.h"
 #include "TestCertificates.h"
 #include "TestFiles.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
 
-#include <quill_cloud/CloudStorageRequest.h>
 #include <quill_fileservice/FileService.h>
 
-#include <chrono>
 #include <memory>
-#include <mutex>
 #include <string>
 
 namespace quill_test {
@@ -24,8 +23,10 @@ namespace quill_test {
 // localhost:<proxy>, so TLS is verified end to end through the proxy.
 //
 // QUILL_NETFAULTS_SEED sets the proxy's random seed (printed at start).
-class NetFaultsEnvironment : public ::testing::Environment {
+class NetFaultsEnvironment : public FileServiceEnvironment {
 public:
+  NetFaultsEnvironment();
+
   void SetUp() override;
   void TearDown() override;
 
@@ -40,44 +41,19 @@ public:
   // "https://localhost:<proxy>" + path: through the static-content host
   static std::string proxiedStaticUrl(const std::string& path);
   static std::string proxyHost();  // "127.0.0.1:<proxy>"
-};
 
-// Points the library's deployment hosts at host:port (all four), or back at the proxy.
-void pointHostsAt(const std::string& hostPort);
+protected:
+  // The service's certificate: one of the run's trusted CA, for 127.0.0.1 and localhost.
+  void prepare(quill_fileservice::Options& options) override;
+
+private:
+  std::unique_ptr<TestCertificates> madeForTheRun;
+  std::unique_ptr<FaultProxy> inFront;
+};
 
 // Regular files below a directory, recursively.
 std::size_t filesBelow(const std::string& directory);
 // The path part of an http(s) URL ("https://host:1/files/a" gives "/files/a").
 std::string urlPath(const std::string& url);
-
-// One request whose end is recorded when stateCallback runs.
-class Transfer {
-public:
-  Transfer(bool upload, int kind);
-
-  std::shared_ptr<CloudStorageRequest> request;
-
-  bool waitEnded(std::chrono::milliseconds timeout);
-  int endings() const;
-  int code() const;
-  std::string message() const;
-  std::string url() const;
-  // When stateCallback ran (meaningful once ended).
-  std::chrono::steady_clock::time_point endedAt() const;
-  // The download's final file existed when stateCallback ran.
-  bool fileAtEnd() const;
-
-private:
-  struct State {
-    mutable std::mutex mutex;
-    int code = 0;
-    std::string message;
-    std::string url;
-    bool fileAtEnd = false;
-    std::chrono::steady_clock::time_point endedAt;
-    EventCounter endings;
-  };
-  std::shared_ptr<State> state;
-};
 
 }  // namespace quill_test

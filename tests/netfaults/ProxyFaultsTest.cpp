@@ -71,8 +71,8 @@ protected:
     NetFaultsEnvironment::proxy().setPlan({});
   }
 
-  Transfer& download(int kind, const std::string& url) {
-    auto transfer = std::make_unique<Transfer>(false, kind);
+  RecordedRequest& download(int kind, const std::string& url) {
+    auto transfer = std::make_unique<RecordedRequest>(false, kind);
     transfer->request->url = url;
     transfer->request->directory = downloads.path();
     transfer->request->fileName = "download-" + std::to_string(transfers.size()) + ".bin";
@@ -81,8 +81,8 @@ protected:
     return *transfers.back();
   }
 
-  Transfer& upload(int kind, const std::string& fileName) {
-    auto transfer = std::make_unique<Transfer>(true, kind);
+  RecordedRequest& upload(int kind, const std::string& fileName) {
+    auto transfer = std::make_unique<RecordedRequest>(true, kind);
     transfer->request->directory = sources->directory;
     transfer->request->fileName = fileName;
     EXPECT_TRUE(service->excuteRequest(transfer->request));
@@ -93,21 +93,23 @@ protected:
   // The usual mix: a file download and an image download (from the static-content host), and one
   // upload on each route (file-service image upload, signed object-storage upload, video upload).
   struct Mix {
-    Transfer* fileDownload;
-    Transfer* imageDownload;
-    Transfer* imageUpload;
-    Transfer* fileUpload;
-    Transfer* videoUpload;
+    RecordedRequest* fileDownload;
+    RecordedRequest* imageDownload;
+    RecordedRequest* imageUpload;
+    RecordedRequest* fileUpload;
+    RecordedRequest* videoUpload;
   };
   Mix startMix() {
     since = NetFaultsEnvironment::proxy().stats();
     started = Clock::now();
     Mix mix{};
-    mix.fileDownload = &download(2, NetFaultsEnvironment::proxiedUrl(sources->downloadPath));
-    mix.imageDownload = &download(1, NetFaultsEnvironment::proxiedStaticUrl(sources->downloadPath));
-    mix.imageUpload = &upload(1, "photo.png");
-    mix.fileUpload = &upload(2, "report.pdf");
-    mix.videoUpload = &upload(3, "clip.mov");
+    mix.fileDownload =
+        &download(CloudStorageKind::kFile, NetFaultsEnvironment::proxiedUrl(sources->downloadPath));
+    mix.imageDownload = &download(CloudStorageKind::kImage,
+                                  NetFaultsEnvironment::proxiedStaticUrl(sources->downloadPath));
+    mix.imageUpload = &upload(CloudStorageKind::kImage, "photo.png");
+    mix.fileUpload = &upload(CloudStorageKind::kFile, "report.pdf");
+    mix.videoUpload = &upload(CloudStorageKind::kVideo, "clip.mov");
     return mix;
   }
 
@@ -122,8 +124,8 @@ protected:
     return true;
   }
 
-  double secondsTo(const Transfer& transfer) const {
-    return std::chrono::duration<double>(transfer.endedAt() - started).count();
+  double secondsTo(const RecordedRequest& transfer) const {
+    return std::chrono::duration<double>(transfer.ended().at - started).count();
   }
 
   // Files in the per-user cache directory, where downloads are written before they are moved.
@@ -132,17 +134,17 @@ protected:
   }
 
   // A finished download holds exactly the served bytes.
-  void expectDownloaded(const Transfer& transfer) {
+  void expectDownloaded(const RecordedRequest& transfer) {
     SCOPED_TRACE(transfer.request->url);
-    EXPECT_EQ(transfer.code(), 2) << transfer.message();
+    EXPECT_EQ(transfer.code(), CloudStorageResult::kSuccess) << transfer.message();
     EXPECT_EQ(transfer.message(), "");
     EXPECT_TRUE(FileUtils::sameContent(finalPath(transfer), sources->download));
   }
 
   // A finished upload is stored on the server byte for byte.
-  void expectUploaded(const Transfer& transfer) {
+  void expectUploaded(const RecordedRequest& transfer) {
     SCOPED_TRACE(transfer.request->fileName);
-    ASSERT_EQ(transfer.code(), 2) << transfer.message();
+    ASSERT_EQ(transfer.code(), CloudStorageResult::kSuccess) << transfer.message();
     const auto stored = NetFaultsEnvironment::server().storedFile(urlPath(transfer.url()));
     ASSERT_FALSE(stored.empty()) << transfer.url();
     EXPECT_TRUE(
@@ -151,19 +153,19 @@ protected:
 
   // A download whose connection broke off after the status line: -100 with "200", and no file at
   // its final path, neither when it ended nor now.
-  void expectBrokenDownload(const Transfer& transfer) {
+  void expectBrokenDownload(const RecordedRequest& transfer) {
     SCOPED_TRACE(transfer.request->url);
-    EXPECT_EQ(transfer.code(), -100);
+    EXPECT_EQ(transfer.code(), CloudStorageResult::kTransferFailed);
     EXPECT_EQ(transfer.message(), "200");
-    EXPECT_FALSE(transfer.fileAtEnd());
+    EXPECT_FALSE(transfer.ended().fileAtEnd);
     EXPECT_FALSE(FileUtils::fileExists(finalPath(transfer)));
   }
 
   // An upload whose transfer broke off in its body: -100 with the transfer's own description, none
   // of the texts the route's reply checks give.
-  static void expectBrokenUpload(const Transfer& transfer) {
+  static void expectBrokenUpload(const RecordedRequest& transfer) {
     SCOPED_TRACE(transfer.request->fileName);
-    EXPECT_EQ(transfer.code(), -100);
+    EXPECT_EQ(transfer.code(), CloudStorageResult::kTransferFailed);
     const auto message = transfer.message();
     EXPECT_FALSE(message.empty());
     for (const char* reply :
@@ -176,7 +178,7 @@ protected:
     EXPECT_EQ(transfer.url(), "");
   }
 
-  static std::string finalPath(const Transfer& transfer) {
+  static std::string finalPath(const RecordedRequest& transfer) {
     return FileUtils::appendComponent(transfer.request->directory, transfer.request->fileName);
   }
 
@@ -206,7 +208,7 @@ protected:
   TempDir user;
   TempDir downloads;
   std::unique_ptr<CloudStorageService> service;
-  std::vector<std::unique_ptr<Transfer>> transfers;
+  std::vector<std::unique_ptr<RecordedRequest>> transfers;
   Clock::time_point started;
   FaultProxy::Stats since;
 };
@@ -225,7 +227,7 @@ TEST_F(ThroughTheProxy, WithLatencyEverythingArrivesByteForByte) {
   expectUploaded(*mix.fileUpload);
   expectUploaded(*mix.videoUpload);
   for (const auto& transfer : transfers) {
-    EXPECT_EQ(transfer->endings(), 1);
+    EXPECT_EQ(transfer->endCount(), 1);
     // A request and its reply cross the proxy once each way: at least twice the added latency.
     EXPECT_GE(secondsTo(*transfer), 0.2);
   }
@@ -275,7 +277,7 @@ TEST_F(ThroughTheProxy, ResetConnectionsEndTransfersAsFailedAndLeaveNothingBehin
   expectBrokenUpload(*mix.fileUpload);
   expectBrokenUpload(*mix.videoUpload);
   for (const auto& transfer : transfers) {
-    EXPECT_EQ(transfer->endings(), 1);
+    EXPECT_EQ(transfer->endCount(), 1);
   }
   // Each transfer lost a connection of its own (two for the retried image download).
   EXPECT_GE(NetFaultsEnvironment::proxy().stats().resets - since.resets, 6u);
@@ -293,9 +295,10 @@ TEST_F(ThroughTheProxy, AConnectionThatStopsMovingIsEndedByTheStallGuard) {
   NetFaultsEnvironment::proxy().setPlan(plan);
   since = NetFaultsEnvironment::proxy().stats();
   started = Clock::now();
-  auto& fileDownload = download(2, NetFaultsEnvironment::proxiedUrl(sources->downloadPath));
-  auto& imageUpload = upload(1, "photo.png");
-  auto& fileUpload = upload(2, "report.pdf");
+  auto& fileDownload =
+      download(CloudStorageKind::kFile, NetFaultsEnvironment::proxiedUrl(sources->downloadPath));
+  auto& imageUpload = upload(CloudStorageKind::kImage, "photo.png");
+  auto& fileUpload = upload(CloudStorageKind::kFile, "report.pdf");
   ASSERT_TRUE(allEnded()) << "a stalled transfer did not end";
   report("connections frozen");
 

@@ -2,6 +2,8 @@
 // must not intercept them, so loopback is exempted from proxying for the whole test process (the
 // engine leaves proxy variables to libcurl, which reads no_proxy like the rest of them).
 
+#include "GlobalEnvironment.h"
+
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
@@ -16,8 +18,7 @@ public:
   }
 };
 
-// gtest owns the environment; registered before main() runs the tests.
-[[maybe_unused]] ::testing::Environment* const environment =
-    ::testing::AddGlobalTestEnvironment(new LoopbackOnly);
+[[maybe_unused]] LoopbackOnly* const environment =
+    quill_test::registerEnvironment(new LoopbackOnly);
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <quill_network/HttpClient.h>
 
+#include "Recorder.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -26,62 +27,66 @@
 
 namespace quill_test {
 
-// Everything one transfer reported. The functions it hands out hold it by shared pointer, so a test
-// that gives up waiting never leaves the engine calling into freed memory.
-class TransferRecord : public std::enable_shared_from_this<TransferRecord> {
+// Everything one transfer reported. The functions it hands out hold its records by shared pointer,
+// so a test that gives up waiting never leaves the engine calling into freed memory.
+class TransferRecord {
 public:
   static std::shared_ptr<TransferRecord> make() { return std::make_shared<TransferRecord>(); }
 
   HttpClient::CompletionFunction completion() {
-    auto self = shared_from_this();
-    return [self](std::shared_ptr<HttpResponse> response) {
-      {
-        std::lock_guard<std::mutex> lock(self->mutex);
-        self->responses.push_back(std::move(response));
-        self->completionThreads.push_back(std::this_thread::get_id());
-      }
-      self->completed.add();
+    auto record = completions;
+    return [record](std::shared_ptr<HttpResponse> response) {
+      record->record({std::move(response), std::this_thread::get_id()});
     };
   }
 
   HttpClient::ProgressFunction progress() {
-    auto self = shared_from_this();
-    return [self](double done, double total) {
-      std::lock_guard<std::mutex> lock(self->mutex);
-      self->reports.emplace_back(done, total);
-      self->progressThreads.push_back(std::this_thread::get_id());
+    auto record = reports;
+    return [record](double done, double total) {
+      record->record({{done, total}, std::this_thread::get_id()});
     };
   }
 
   // The first completion, or null when none came in time.
   std::shared_ptr<HttpResponse> wait(std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
-    if (!completed.waitFor(1, timeout)) {
+    if (!completions->waitFor(1, timeout)) {
       return nullptr;
     }
-    std::lock_guard<std::mutex> lock(mutex);
-    return responses.front();
+    return completions->first().response;
   }
 
-  int completionCount() const { return completed.value(); }
+  int completionCount() const { return completions->count(); }
 
   std::vector<std::pair<double, double>> progressReports() const {
-    std::lock_guard<std::mutex> lock(mutex);
-    return reports;
+    std::vector<std::pair<double, double>> all;
+    for (const auto& report : reports->all()) {
+      all.push_back(report.doneAndTotal);
+    }
+    return all;
   }
+  // The threads of the completions, then those of the progress reports.
   std::vector<std::thread::id> threads() const {
-    std::lock_guard<std::mutex> lock(mutex);
-    auto all = completionThreads;
-    all.insert(all.end(), progressThreads.begin(), progressThreads.end());
+    std::vector<std::thread::id> all;
+    for (const auto& completion : completions->all()) {
+      all.push_back(completion.thread);
+    }
+    for (const auto& report : reports->all()) {
+      all.push_back(report.thread);
+    }
     return all;
   }
 
 private:
-  mutable std::mutex mutex;
-  EventCounter completed;
-  std::vector<std::shared_ptr<HttpResponse>> responses;
-  std::vector<std::thread::id> completionThreads;
-  std::vector<std::pair<double, double>> reports;
-  std::vector<std::thread::id> progressThreads;
+  struct Completion {
+    std::shared_ptr<HttpResponse> response;
+    std::thread::id thread;
+  };
+  struct Report {
+    std::pair<double, double> doneAndTotal;
+    std::thread::id thread;
+  };
+  std::shared_ptr<Recorder<Completion>> completions = std::make_shared<Recorder<Completion>>();
+  std::shared_ptr<Recorder<Report>> reports = std::make_shared<Recorder<Report>>();
 };
 
 // A transfer to a port nothing listens on: it ends at once, with a failure. The engine runs

@@ -3,8 +3,8 @@
 
 #include <quill_base/FileUtils.h>
 
-#include "FileServiceEnvironment.h"
 #include "NetworkTestSupport.h"
+#include "OverBothSchemes.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>

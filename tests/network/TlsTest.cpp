@@ -4,8 +4,8 @@
 #include <quill_base/FileUtils.h>
 #include <quill_network/HttpClient.h>
 
-#include "FileServiceEnvironment.h"
 #include "NetworkTestSupport.h"
+#include "OverBothSchemes.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>

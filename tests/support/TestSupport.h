@@ -2,6 +2,7 @@
 
 #include <quill_base/TextUtils.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
@@ -57,6 +58,13 @@ private:
   std::condition_variable changed;
   int count = 0;
 };
+
+// The time from now until `deadline`; zero once it has passed.
+inline std::chrono::milliseconds timeLeft(std::chrono::steady_clock::time_point deadline) {
+  return std::max(std::chrono::duration_cast<std::chrono::milliseconds>(
+                      deadline - std::chrono::steady_clock::now()),
+                  std::chrono::milliseconds(0));
+}
 
 // Polls `condition` until it holds or the timeout passes; for states no callback announces.
 inline bool eventually(const std::function<bool()>& condition,

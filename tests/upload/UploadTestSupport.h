@@ -2,6 +2,7 @@
 
 #include "CloudTestSupport.h"
 #include "LogCapture.h"
+#include "Recorder.h"
 #include "ScriptedTransport.h"
 
 #include <gtest/gtest.h>
@@ -25,14 +26,6 @@ struct UploadHarness {
     std::string url;
     bool retry;
   };
-  // The task does not guard against a second ending (a cancelled transfer still reports its own
-  // end afterwards), and that report may arrive while the harness is being torn down: the record
-  // is shared with the completion callback so that a late ending never writes into a dead harness.
-  struct Record {
-    std::mutex mutex;
-    std::vector<End> ends;
-    EventCounter endings;
-  };
 
   std::shared_ptr<ScriptedTransport> transport = std::make_shared<ScriptedTransport>();
   ScopedTransport installed{transport};
@@ -40,7 +33,10 @@ struct UploadHarness {
   TempDir files;
   CloudStorageConfig config;
   RecordedRequest recorded;
-  std::shared_ptr<Record> record = std::make_shared<Record>();
+  // The task does not guard against a second ending (a cancelled transfer still reports its own
+  // end afterwards), and that report may arrive while the harness is being torn down: the record
+  // is shared with the completion callback so that a late ending never writes into a dead harness.
+  std::shared_ptr<Recorder<End>> record = std::make_shared<Recorder<End>>();
   std::shared_ptr<cloud::UploadTask> task;
 
   explicit UploadHarness(int type, const std::string& fileName = "photo.png",
@@ -66,12 +62,7 @@ struct UploadHarness {
           if (!request) {
             return;
           }
-          {
-            std::lock_guard<std::mutex> lock(shared->mutex);
-            shared->ends.push_back(
-                {request->resultCode, request->resultMessage, request->url, retry});
-          }
-          shared->endings.add();
+          shared->record({request->resultCode, request->resultMessage, request->url, retry});
         });
   }
 
@@ -92,7 +83,7 @@ struct UploadHarness {
 
   void onQueue(const std::function<void()>& work) { runOnQueue(*queue, work); }
 
-  bool waitEnded(int count = 1) { return record->endings.waitFor(count); }
+  bool waitEnded(int count = 1) { return record->waitFor(count); }
 
   // Starts the task, ends its first transfer with the outcome, status and body given, and returns
   // the task's end.
@@ -104,12 +95,9 @@ struct UploadHarness {
     return lastEnd();
   }
 
-  End lastEnd() {
-    std::lock_guard<std::mutex> lock(record->mutex);
-    return record->ends.empty() ? End{0, "", "", false} : record->ends.back();
-  }
+  End lastEnd() { return record->last(); }
 
-  int endCount() { return record->endings.value(); }
+  int endCount() { return record->count(); }
 };
 
 }  // namespace quill_test

@@ -1,8 +1,9 @@
 #pragma once
 
 // The reference file service for the e2e tests: one plain HTTP and one HTTPS instance on loopback,
-// started once per test process before any test runs. QUILL_CA_BUNDLE names the HTTPS instance's
-// CA, so the engine trusts it exactly as a deployment trusts its configured CA.
+// started once per test process before any test runs (see FileServiceEnvironment). QUILL_CA_BUNDLE
+// names the HTTPS instance's CA, so the engine trusts it exactly as a deployment trusts its
+// configured CA.
 
 #include <quill_fileservice/FileService.h>
 

@@ -1,7 +1,10 @@
 #pragma once
 
 // Certificates made for a test run with OpenSSL: a CA the client is told to trust, a second CA it
-// is not, and server certificates signed by either, for any names and validity period.
+// is not, and server certificates signed by either, for any names and validity period. The
+// reference file service makes only its own identity (a fresh CA and one certificate for loopback,
+// valid now) and never hands out its CA's key: certificates of one CA that must be refused for
+// their names or dates are made here.
 
 #include <memory>
 #include <string>

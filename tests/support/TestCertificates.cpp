@@ -1,5 +1,7 @@
 #include "TestCertificates.h"
 
+#include "detail/Certificates.h"
+
 #include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
@@ -12,17 +14,13 @@
 namespace quill_test {
 namespace {
 
-struct X509Free {
-  void operator()(X509* certificate) const { X509_free(certificate); }
-};
-struct PkeyFree {
-  void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-};
+// The owners of OpenSSL's objects are the reference file service's.
+using quill_fileservice::detail::PkeyPtr;
+using quill_fileservice::detail::X509Ptr;
+
 struct BioFree {
   void operator()(BIO* bio) const { BIO_free(bio); }
 };
-using X509Ptr = std::unique_ptr<X509, X509Free>;
-using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyFree>;
 using BioPtr = std::unique_ptr<BIO, BioFree>;
 
 std::string openSslError(const std::string& what) {
