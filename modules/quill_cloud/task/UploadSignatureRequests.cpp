@@ -79,15 +79,7 @@ bool UploadTask::requestFileSignature() {
     key += "." + extension;
   }
   form["key"] = key;
-
-  const auto transfer = openStep(Step::Signature);
-  auto reply = [weak = weakSelf(), queue = std::weak_ptr<SerialQueue>(queue),
-                transfer](std::shared_ptr<HttpResponse> response) {
-    postTransferEnd(weak, queue, transfer,
-                    [response](UploadTask& task) { task.processSignatureRespose(response); });
-  };
-  holdTransfer(
-      HttpClient::executePost(config->signatureUrl, form, addFormHeader, std::move(reply)));
+  sendSignatureRequest(config->signatureUrl, form, &UploadTask::processSignatureRespose);
   return true;
 }
 
@@ -98,15 +90,20 @@ bool UploadTask::requestVideoSignature() {
     fail("request video signature param invaild", false);
     return false;
   }
-  const auto transfer = openStep(Step::Signature);
-  auto reply = [weak = weakSelf(), queue = std::weak_ptr<SerialQueue>(queue),
-                transfer](std::shared_ptr<HttpResponse> response) {
-    postTransferEnd(weak, queue, transfer,
-                    [response](UploadTask& task) { task.processVideoSignatureRespose(response); });
-  };
-  holdTransfer(
-      HttpClient::executePost(config->videoSignatureUrl, form, addFormHeader, std::move(reply)));
+  sendSignatureRequest(config->videoSignatureUrl, form, &UploadTask::processVideoSignatureRespose);
   return true;
+}
+
+void UploadTask::sendSignatureRequest(const std::string& url,
+                                      const std::map<std::string, std::string>& form,
+                                      ReplyHandler handler) {
+  const auto transfer = openStep(Step::Signature);
+  auto reply = [weak = weakSelf(), queue = std::weak_ptr<SerialQueue>(queue), transfer,
+                handler](std::shared_ptr<HttpResponse> response) {
+    postTransferEnd(weak, queue, transfer,
+                    [response, handler](UploadTask& task) { (task.*handler)(response); });
+  };
+  holdTransfer(HttpClient::executePost(url, form, addFormHeader, std::move(reply)));
 }
 
 void UploadTask::processSignatureRespose(std::shared_ptr<HttpResponse> response) {

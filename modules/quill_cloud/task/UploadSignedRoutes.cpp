@@ -12,15 +12,10 @@
 namespace cloud {
 
 void UploadTask::uploadToTarn(std::string uploadUrl, std::string path) {
-  const auto weak = weakSelf();
-  auto progress = makeProgressFunction();
-  const auto transfer = openStep(Step::Upload);
-  auto completion = [weak, queue = std::weak_ptr<SerialQueue>(queue), transfer,
-                     path = std::move(path)](std::shared_ptr<HttpResponse> response) {
-    reportSignedUploadEnd(weak, queue, transfer, response ? *response : HttpResponse{}, path);
-  };
-  holdTransfer(HttpClient::uploadFile(uploadUrl, uploadFilePath, std::move(progress),
-                                      std::move(completion)));
+  startSignedUpload(Step::Upload, std::move(path), [&](auto progress, auto completion) {
+    return HttpClient::uploadFile(uploadUrl, uploadFilePath, std::move(progress),
+                                  std::move(completion));
+  });
 }
 
 void UploadTask::uploadVideoToVOD(std::string uploadUrl, std::string payUrl) {
@@ -28,15 +23,22 @@ void UploadTask::uploadVideoToVOD(std::string uploadUrl, std::string payUrl) {
   if (!uploadVideoParts(parts)) {
     return;  // nothing started: the task stays running until it is cancelled
   }
-  const auto weak = weakSelf();
-  auto progress = makeProgressFunction();
-  const auto transfer = openStep(Step::Signature);
-  auto completion = [weak, queue = std::weak_ptr<SerialQueue>(queue), transfer,
-                     payUrl = std::move(payUrl)](std::shared_ptr<HttpResponse> response) {
-    reportSignedUploadEnd(weak, queue, transfer, response ? *response : HttpResponse{}, payUrl);
+  startSignedUpload(Step::Signature, std::move(payUrl), [&](auto progress, auto completion) {
+    return HttpClient::uploadMultipartData(uploadUrl, parts, std::move(progress),
+                                           std::move(completion));
+  });
+}
+
+void UploadTask::startSignedUpload(
+    Step step, std::string resultPath,
+    const std::function<std::string(HttpClient::ProgressFunction, HttpClient::CompletionFunction)>&
+        start) {
+  const auto transfer = openStep(step);
+  auto completion = [weak = weakSelf(), queue = std::weak_ptr<SerialQueue>(queue), transfer,
+                     resultPath = std::move(resultPath)](std::shared_ptr<HttpResponse> response) {
+    reportSignedUploadEnd(weak, queue, transfer, response ? *response : HttpResponse{}, resultPath);
   };
-  holdTransfer(HttpClient::uploadMultipartData(uploadUrl, parts, std::move(progress),
-                                               std::move(completion)));
+  holdTransfer(start(makeProgressFunction(), std::move(completion)));
 }
 
 bool UploadTask::uploadVideoParts(std::vector<HttpPartData>& parts) {

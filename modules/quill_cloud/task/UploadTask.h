@@ -2,10 +2,12 @@
 
 #include "task/ITask.h"
 
+#include <quill_network/HttpClient.h>
 #include <quill_network/HttpPartData.h>
 #include <quill_network/HttpResponse.h>
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -59,8 +61,18 @@ private:
   enum class Step { Signature, Upload };
 
   std::weak_ptr<UploadTask> weakSelf();
+  using ReplyHandler = void (UploadTask::*)(std::shared_ptr<HttpResponse>);
+
   // Opens the task's next transfer (see ITask::openTransfer) as `step`.
   std::uint64_t openStep(Step step);
+  // Posts a signature form to `url`; its reply goes to `handler` on the queue.
+  void sendSignatureRequest(const std::string& url, const std::map<std::string, std::string>& form,
+                            ReplyHandler handler);
+  // Opens a transfer as `step` and starts it with `start`, whose end reports `resultPath` as the
+  // stored object's address on success.
+  void startSignedUpload(Step step, std::string resultPath,
+                         const std::function<std::string(HttpClient::ProgressFunction,
+                                                         HttpClient::CompletionFunction)>& start);
   // The network thread's end of a file-service upload: the reply parsed into (path, code, message).
   static void reportFileServiceReply(const std::weak_ptr<UploadTask>& task,
                                      const std::weak_ptr<SerialQueue>& queue,
