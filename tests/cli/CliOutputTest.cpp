@@ -2,6 +2,8 @@
 // --no-clobber against replacing a file that is already there.
 #include "CliFixture.h"
 
+#include <quill_cloud/CloudStorageCodes.h>
+
 #include <fstream>
 #include <regex>
 
@@ -57,7 +59,7 @@ TEST_F(CliTest, JsonRecordsHaveABooleanOkMillisecondsACauseAndARealPath) {
   const auto missing = records[missingUrl];
   ASSERT_TRUE(missing["ok"].isBool());
   EXPECT_FALSE(missing["ok"].asBool());
-  EXPECT_EQ(missing["code"].asInt(), -2);
+  EXPECT_EQ(missing["code"].asInt(), CloudStorageResult::kNotFound);
   ASSERT_TRUE(missing["cause"].isString());
   EXPECT_FALSE(missing["cause"].asString().empty());
   // Nothing was saved, so there is no path to give.

@@ -2,6 +2,8 @@
 // exit statuses and messages of failures, Ctrl-C during a slow transfer, and the demo to its end.
 #include "CliFixture.h"
 
+#include <quill_cloud/CloudStorageCodes.h>
+
 #include <signal.h>
 
 #include <algorithm>
@@ -77,7 +79,7 @@ TEST_F(CliTest, JsonGivesOneRecordPerRequest) {
 
   auto good = records[CloudEnvironment::url(path)];
   EXPECT_EQ(good["operation"].asString(), "download");
-  EXPECT_EQ(good["code"].asInt(), 2);
+  EXPECT_EQ(good["code"].asInt(), CloudStorageResult::kSuccess);
   EXPECT_TRUE(good["ok"].asBool());
   EXPECT_EQ(good["url"].asString(), CloudEnvironment::url(path));
   EXPECT_EQ(good["bytes"].asInt64(), 256 * 1024 + 5);
@@ -86,7 +88,7 @@ TEST_F(CliTest, JsonGivesOneRecordPerRequest) {
 
   records.erase(CloudEnvironment::url(path));
   const auto missing = records.begin()->second;
-  EXPECT_EQ(missing["code"].asInt(), -2);
+  EXPECT_EQ(missing["code"].asInt(), CloudStorageResult::kNotFound);
   EXPECT_FALSE(missing["ok"].asBool());
   EXPECT_FALSE(missing["message"].asString().empty());
   EXPECT_EQ(missing["bytes"].asInt64(), 0);
@@ -97,7 +99,7 @@ TEST_F(CliTest, JsonGivesOneRecordPerRequest) {
   const auto upload = run(withIdentity({"upload", "--image", image, "--json"}));
   ASSERT_EQ(upload.status, 0) << upload.errors;
   const auto uploaded = parse(lines(upload.output).at(0));
-  EXPECT_EQ(uploaded["code"].asInt(), 2);
+  EXPECT_EQ(uploaded["code"].asInt(), CloudStorageResult::kSuccess);
   EXPECT_EQ(uploaded["route"].asString(), "file service");
   EXPECT_EQ(uploaded["bytes"].asInt64(), static_cast<Json::Int64>(FileUtils::fileSize(image)));
   EXPECT_TRUE(TextUtils::hasPrefix(uploaded["url"].asString(), CloudEnvironment::url("/files/")));
