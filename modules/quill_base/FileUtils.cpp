@@ -224,12 +224,21 @@ bool FileUtils::removeFiles(const std::string& directory, unsigned long long val
   return removedAll && total <= value;
 }
 
+std::FILE* FileUtils::openFile(const std::string& path, const char* mode) {
+#ifdef _WIN32
+  const std::string narrowMode(mode);
+  return _wfopen(toPath(path).c_str(), std::wstring(narrowMode.begin(), narrowMode.end()).c_str());
+#else
+  return std::fopen(path.c_str(), mode);
+#endif
+}
+
 bool FileUtils::sameContent(const std::string& first, const std::string& second) {
   if (!fileExists(first) || !fileExists(second) || fileSize(first) != fileSize(second)) {
     return false;
   }
-  std::ifstream a(first, std::ios::binary);
-  std::ifstream b(second, std::ios::binary);
+  std::ifstream a(toPath(first), std::ios::binary);
+  std::ifstream b(toPath(second), std::ios::binary);
   if (!a || !b) {
     return false;
   }

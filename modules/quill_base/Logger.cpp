@@ -1,5 +1,7 @@
 #include <quill_base/Logger.h>
 
+#include <quill_base/FileUtils.h>
+
 #include <log4cplus/consoleappender.h>
 #include <log4cplus/fileappender.h>
 #include <log4cplus/initializer.h>
@@ -97,7 +99,7 @@ bool Logger::openLogFile(const std::string& path, std::string* error) {
     return false;
   };
 #ifdef _WIN32
-  std::FILE* probe = std::fopen(path.c_str(), "a");
+  std::FILE* probe = FileUtils::openFile(path, "a");
   if (probe == nullptr) {
     return fail(std::strerror(errno));
   }

@@ -22,9 +22,12 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <future>
+#include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 using quill_test::TempDir;
 using quill_test::TransferRecord;
@@ -97,33 +100,57 @@ int descriptorOf(const std::string& path) {
   return -1;
 }
 
+// Starts an upload of `path` to `url` with `start`, makes the file unreadable once the engine holds
+// it open, and returns how the transfer ended.
+std::shared_ptr<HttpResponse> uploadUnreadable(
+    const TempDir& dir, const std::string& path,
+    const std::function<std::string(const std::string& url, HttpClient::CompletionFunction)>&
+        start) {
+  // Far more than the socket buffers hold: the engine is still reading when the server waits.
+  quill_test::writeWholeFile(path, "");
+  std::filesystem::resize_file(path, 64 * 1024 * 1024);
+  HoldingServer server;
+  EXPECT_TRUE(server.listening());
+
+  auto record = TransferRecord::make();
+  EXPECT_FALSE(start(server.url(), record->completion()).empty());
+  int descriptor = -1;
+  EXPECT_TRUE(quill_test::eventually([&] {
+    descriptor = descriptorOf(path);
+    return descriptor >= 0;
+  })) << "the engine never opened the file";
+  const int directory = ::open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  EXPECT_GE(directory, 0);
+  if (descriptor >= 0 && directory >= 0) {
+    EXPECT_EQ(::dup2(directory, descriptor), descriptor);
+  }
+  ::close(directory);
+  server.release();
+  return record->wait();
+}
+
 }  // namespace
 
 TEST(UploadReadError, AFileThatCannotBeReadEndsTheUploadWithItsNameAndReason) {
   TempDir dir;
   const auto path = dir.file("unreadable.bin");
-  // Far more than the socket buffers hold: the engine is still reading when the server waits.
-  quill_test::writeWholeFile(path, "");
-  std::filesystem::resize_file(path, 64 * 1024 * 1024);
-  HoldingServer server;
-  ASSERT_TRUE(server.listening());
+  auto response = uploadUnreadable(dir, path, [&](const std::string& url, auto completion) {
+    return HttpClient::uploadFile(url, path, nullptr, std::move(completion));
+  });
+  ASSERT_NE(response, nullptr);
+  EXPECT_EQ(response->outcome, HttpResponse::kFailed);
+  EXPECT_EQ(response->text, "cannot read " + path + ": " + std::strerror(EISDIR));
+  EXPECT_EQ(response->systemError, EISDIR);
+}
 
-  auto record = TransferRecord::make();
-  const auto id = HttpClient::uploadFile(server.url(), path, nullptr, record->completion());
-  ASSERT_FALSE(id.empty());
-
-  int descriptor = -1;
-  ASSERT_TRUE(quill_test::eventually([&] {
-    descriptor = descriptorOf(path);
-    return descriptor >= 0;
-  })) << "the engine never opened the file";
-  const int directory = ::open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  ASSERT_GE(directory, 0);
-  ASSERT_EQ(::dup2(directory, descriptor), descriptor);
-  ::close(directory);
-  server.release();
-
-  auto response = record->wait();
+TEST(UploadReadError, AMultipartFileThatCannotBeReadEndsTheUploadWithItsNameAndReason) {
+  TempDir dir;
+  const auto path = dir.file("unreadable part.bin");
+  auto response = uploadUnreadable(dir, path, [&](const std::string& url, auto completion) {
+    const std::vector<HttpPartData> parts{HttpPartData::makePart("name", "value", false),
+                                          HttpPartData::makePart("upload", path, true)};
+    return HttpClient::uploadMultipartData(url, parts, nullptr, std::move(completion));
+  });
   ASSERT_NE(response, nullptr);
   EXPECT_EQ(response->outcome, HttpResponse::kFailed);
   EXPECT_EQ(response->text, "cannot read " + path + ": " + std::strerror(EISDIR));

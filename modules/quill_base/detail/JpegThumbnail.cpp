@@ -47,7 +47,7 @@ void useErrorManager(ErrorManager& errors) {
 // decoding from memory spares libjpeg's 4 KiB reads. Anything else is left unread for the general
 // path.
 bool readJpeg(const std::string& path, std::vector<unsigned char>& bytes) {
-  std::FILE* file = std::fopen(path.c_str(), "rb");
+  std::FILE* file = FileUtils::openFile(path, "rb");
   if (file == nullptr) {
     return false;
   }

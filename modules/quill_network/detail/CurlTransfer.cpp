@@ -146,20 +146,25 @@ bool CurlTransfer::buildMultipart() {
       }
       continue;
     }
-    if (!FileUtils::fileExists(part.value)) {
-      localError = "cannot read " + part.value + ": no such file";
+    // The file is opened here and read by our own functions as libcurl sends the part (not by
+    // libcurl's file reader: that one opens narrow paths, and its read errors say nothing of the
+    // file). The type is set explicitly because libcurl would otherwise guess one from the name.
+    auto file = std::make_unique<UploadFile>(part.value);
+    if (!file->open()) {
+      localError = file->error();
+      localErrno = file->systemError();
       return false;
     }
-    // libcurl opens the file when it starts sending the part and reads it as it sends. The type is
-    // set explicitly because libcurl would otherwise guess one from the file's extension.
     const std::string type =
         part.contentType.empty() ? std::string("application/octet-stream") : part.contentType;
-    if (curl_mime_filedata(field, part.value.c_str()) != CURLE_OK ||
+    if (curl_mime_data_cb(field, static_cast<curl_off_t>(file->size()), &UploadFile::onRead,
+                          &UploadFile::onSeek, nullptr, file.get()) != CURLE_OK ||
         curl_mime_filename(field, FileUtils::fileName(part.value).c_str()) != CURLE_OK ||
         curl_mime_type(field, type.c_str()) != CURLE_OK) {
-      localError = "cannot read " + part.value;
+      localError = "libcurl could not add the part " + part.name;
       return false;
     }
+    partFiles.push_back(std::move(file));
   }
   return true;
 }
@@ -298,12 +303,24 @@ void CurlTransfer::reportFinalProgress() {
   }
 }
 
+const UploadFile* CurlTransfer::unreadableFile() const {
+  if (upload && !upload->error().empty()) {
+    return upload.get();
+  }
+  for (const auto& file : partFiles) {
+    if (!file->error().empty()) {
+      return file.get();
+    }
+  }
+  return nullptr;
+}
+
 std::string CurlTransfer::describeFailure(CURLcode result) const {
   if (!localError.empty()) {
     return localError;
   }
-  if (upload && !upload->error().empty()) {
-    return upload->error();  // the file being sent could not be read: libcurl says only "aborted"
+  if (const auto* file = unreadableFile()) {
+    return file->error();  // the file being sent could not be read: libcurl says only "aborted"
   }
   if (errorBuffer[0] != '\0') {
     return errorBuffer;
@@ -327,9 +344,10 @@ std::shared_ptr<HttpResponse> CurlTransfer::finish(CURLcode result) {
   response->outcome = HttpResponse::kFailed;
   if (result != CURLE_OK || !localError.empty()) {
     response->text = describeFailure(result);
-    response->systemError = !localError.empty()                  ? localErrno
-                            : upload && !upload->error().empty() ? upload->systemError()
-                                                                 : 0;
+    const auto* unreadable = unreadableFile();
+    response->systemError = !localError.empty() ? localErrno
+                            : unreadable        ? unreadable->systemError()
+                                                : 0;
   } else if (!isSuccess(status)) {
     response->text = statusLine.empty() ? "HTTP status " + std::to_string(status) : statusLine;
   } else if (download && !download->commit()) {

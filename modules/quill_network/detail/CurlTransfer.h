@@ -14,6 +14,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace quill_network_detail {
 
@@ -59,6 +60,8 @@ private:
   bool setHeaders();
   long responseCode() const;
   std::string describeFailure(CURLcode result) const;
+  // The file being sent (a PUT's, or a multipart part's) that could not be read; null when none.
+  const UploadFile* unreadableFile() const;
   // True once `moved` (bytes sent and received) has not changed for the stall guard's time. This
   // is the one stall detector (libcurl's low-speed limit is not set): libcurl calls the progress
   // function about once a second even while nothing moves, so the guard also catches a server that
@@ -75,6 +78,8 @@ private:
 
   std::unique_ptr<DownloadFile> download;
   std::unique_ptr<UploadFile> upload;
+  // The files of a multipart body, read through our own code as libcurl sends them.
+  std::vector<std::unique_ptr<UploadFile>> partFiles;
   std::string formBody;
   // Reply body of a successful post or upload, at most kMaxReplyBody bytes of it.
   std::string replyBody;

@@ -21,7 +21,7 @@ bool UploadFile::open() {
     lastError = "cannot read " + path + ": no such file";
     return false;
   }
-  file = std::fopen(path.c_str(), "rb");
+  file = FileUtils::openFile(path, "rb");
   if (file == nullptr) {
     lastErrno = errno;
     lastError = "cannot read " + path + ": " + std::strerror(lastErrno);

@@ -40,6 +40,9 @@ public:
   // holds the system's error number (0 when the source was missing).
   static bool moveFile(const std::string& from, const std::string& to, int* systemError = nullptr);
 
+  // fopen of a UTF-8 path with fopen's modes; on Windows through the wide-character API, so that
+  // every name opens, whatever the system's code page. Null (errno set) when it cannot.
+  static std::FILE* openFile(const std::string& path, const char* mode);
   // Creates a new file and opens it for writing (binary, unbuffered by the caller's choice). Fails
   // when anything already has that name, a symbolic link included, which is never followed: a link
   // planted by someone else cannot redirect the write. The file is readable and writable by its
