@@ -74,6 +74,16 @@ function(quill_add_module name)
     SOVERSION ${PROJECT_VERSION_MAJOR}
     EXPORT_NAME ${short})
 
+  if(WIN32)
+    # quill_base.dll and so on, the names a host ships; each with a version resource.
+    set_target_properties(${name} PROPERTIES PREFIX "")
+    set(QUILL_RC_NAME ${name})
+    set(QUILL_RC_DESCRIPTION "quill_cloud: the ${short} module")
+    configure_file("${PROJECT_SOURCE_DIR}/cmake/QuillVersion.rc.in"
+                   "${CMAKE_CURRENT_BINARY_DIR}/${name}.rc" @ONLY)
+    target_sources(${name} PRIVATE "${CMAKE_CURRENT_BINARY_DIR}/${name}.rc")
+  endif()
+
   generate_export_header(${name}
     BASE_NAME ${upper}
     EXPORT_FILE_NAME "${CMAKE_CURRENT_BINARY_DIR}/include/${name}/${name}_export.h")

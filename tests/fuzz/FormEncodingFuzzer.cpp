@@ -76,7 +76,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     at = valueEnd + 1;
   }
 
-  const auto encoded = quill_network_detail::encodeForm(form);
+  const auto encoded = quill_network_detail::testing::encodeForm(form);
   std::map<std::string, std::string> decoded;
   std::size_t start = 0;
   while (!form.empty() && start <= encoded.size()) {

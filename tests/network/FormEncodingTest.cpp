@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-using quill_network_detail::encodeForm;
+using quill_network_detail::testing::encodeForm;
 
 TEST(FormEncoding, EmptyFormGivesEmptyBody) {
   EXPECT_EQ(encodeForm({}), "");

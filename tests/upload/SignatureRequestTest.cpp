@@ -41,7 +41,7 @@ TEST(SignatureRequest, SendsTheFormInKeyOrderWithTheHeader) {
             (std::vector<std::pair<std::string, std::string>>{
                 {"Content-Type", "application/x-www-form-urlencoded;charset=utf-8"}}));
   // As it goes on the wire: keys in order, values percent-encoded.
-  EXPECT_EQ(quill_network_detail::encodeForm(spec.form),
+  EXPECT_EQ(quill_network_detail::testing::encodeForm(spec.form),
             "aid=aid%262&appId=app%201&clientType=pc&key=" + key + "&pin=pin%3D3");
 }
 

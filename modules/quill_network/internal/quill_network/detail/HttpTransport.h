@@ -50,6 +50,12 @@ QUILL_NETWORK_EXPORT std::shared_ptr<HttpTransport> installTransport(
     std::shared_ptr<HttpTransport> transport);
 
 // "a=1&b=x%20y": the form url-encoded in key order (RFC 3986 unreserved characters kept).
+std::string encodeForm(const std::map<std::string, std::string>& form);
+
+// What the project's tests reach of the engine's internals; defined and exported in
+// quill_network_testing only (the shipped library keeps encodeForm to itself, also as a DLL).
+namespace testing {
 QUILL_NETWORK_EXPORT std::string encodeForm(const std::map<std::string, std::string>& form);
+}  // namespace testing
 
 }  // namespace quill_network_detail

@@ -1,0 +1,12 @@
+// Linked into quill_network_testing only: the form encoding, for the project's tests.
+#include <quill_network/detail/HttpTransport.h>
+
+namespace quill_network_detail {
+namespace testing {
+
+std::string encodeForm(const std::map<std::string, std::string>& form) {
+  return quill_network_detail::encodeForm(form);
+}
+
+}  // namespace testing
+}  // namespace quill_network_detail
