@@ -65,9 +65,8 @@ struct AvatarFixture : ::testing::Test {
   TempDir userDirectory;
   TempDir root;
   std::shared_ptr<SerialQueue> queue = std::make_shared<SerialQueue>("avatars");
-  // A retried avatar starts again after 150 ms, not after the shipped service's two seconds.
   std::shared_ptr<CloudStorageService> service =
-      cloud::ServiceFactory::make(true, std::chrono::milliseconds(150));
+      cloud::ServiceFactory::make(true, kShortRetryInterval);
   std::shared_ptr<AvatarManager> manager = std::make_shared<AvatarManager>(queue, service);
   RecordingListener listener{queue};
 

@@ -17,6 +17,10 @@
 
 namespace quill_test {
 
+// The retry interval of the schedulers and services made by the tests: a retry costs them 150 ms
+// rather than the shipped two seconds.
+inline constexpr std::chrono::milliseconds kShortRetryInterval{150};
+
 // Runs `work` on the queue and waits for it to finish.
 inline void runOnQueue(SerialQueue& queue, const std::function<void()>& work) {
   EventCounter done;

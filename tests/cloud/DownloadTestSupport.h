@@ -28,8 +28,7 @@ struct DownloadFixture {
   ScopedTransport installed{transport};
   TempDir userDirectory;
   TempDir destination;
-  // Retried images start again after this, not after the two seconds of the shipped service.
-  static constexpr std::chrono::milliseconds kRetryInterval{150};
+  static constexpr std::chrono::milliseconds kRetryInterval = kShortRetryInterval;
   std::unique_ptr<CloudStorageService> service = cloud::ServiceFactory::make(true, kRetryInterval);
 
   std::string cacheDirectory() const {

@@ -13,7 +13,7 @@ using quill_test::TempDir;
 namespace {
 
 // Short, so that no test waits the two seconds of the real interval.
-constexpr std::chrono::milliseconds kInterval{150};
+constexpr std::chrono::milliseconds kInterval = quill_test::kShortRetryInterval;
 
 struct SchedulerRetryTest : ::testing::Test {
   TempDir userDirectory;

@@ -30,7 +30,6 @@ public:
   using ITask::enterRunning;
   using ITask::hasEnded;
   using ITask::hasTransfer;
-  using ITask::isRunning;
 
   // Opens a transfer and holds it under `id`; returns its number.
   std::uint64_t open(const std::string& id) {
@@ -172,7 +171,7 @@ TEST_F(TaskLifeTest, AReplyOfATransferBeforeARetryIsDropped) {
   task->reply(beforeRetry, handled);
   onQueue([] {});
   EXPECT_EQ(handled, 0);
-  onQueue([&] { EXPECT_TRUE(task->isRunning()); });
+  onQueue([&] { EXPECT_EQ(task->state(), CloudStorageState::kRunning); });
 }
 
 TEST_F(TaskLifeTest, NoReplyReachesATaskThatIsGone) {

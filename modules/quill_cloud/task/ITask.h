@@ -80,7 +80,6 @@ protected:
   // the restart. The state a request's callback sees is 1, 2 or 3 (3 for both kinds of ended).
   // Moves a waiting task (or one held for a retry) to running; false, changing nothing, otherwise.
   bool enterRunning();
-  bool isRunning() const { return life == Life::Running; }
   bool hasEnded() const { return life == Life::Ended; }
 
   // The transfer in flight: one slot, whatever the route. A transfer is opened (numbered) before

@@ -115,12 +115,9 @@ void UploadTask::cancel() {
   // An upload ends at once with code 3; the reply of the cancelled transfer is then stale.
   if (!hasTransfer()) {
     QLOG_INFO("cancel the waiting task");
-  } else if (step == Step::Signature) {
-    cancelTransfer();
-    QLOG_INFO("cancel signature request");
   } else {
     cancelTransfer();
-    QLOG_INFO("cancel upload request");
+    QLOG_INFO((step == Step::Signature ? "cancel signature request" : "cancel upload request"));
   }
   finish(CloudStorageState::kFinished, CloudStorageResult::kCancelled, "", false);
 }
