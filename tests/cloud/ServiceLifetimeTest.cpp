@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 
 using quill_test::DownloadFixture;
@@ -77,6 +78,15 @@ TEST_F(ServiceLifetimeTest, ACallbackMayDestroyTheService) {
   transport->succeedDownload(transport->call(1).id, "y");
   transport->drain();
   ASSERT_TRUE(released.waitFor(1));
+  // Released from its own queue, the service is torn down there after the callback, and the third
+  // task's transfer, which never ends, is cancelled then (the second's too, when its end had not
+  // reached the queue yet). The test ends only after that, while its scripted transport is still
+  // the one installed.
+  const auto third = transport->call(2).id;
+  ASSERT_TRUE(quill_test::eventually([&] {
+    const auto cancelled = transport->cancelledIds();
+    return std::find(cancelled.begin(), cancelled.end(), third) != cancelled.end();
+  }));
   transport->drain();
   EXPECT_EQ(calls.load(), 1) << "no callback after the service is gone";
 }
