@@ -22,11 +22,12 @@ TEST_F(AvatarCache, CreateAvatarPathMakesTheSharedTempsAndThePerUserAvatars) {
   ASSERT_TRUE(manager->createAvatarPath(nestedRoot, "user 7"));
   EXPECT_TRUE(FileUtils::directoryExists(FileUtils::appendComponent(nestedRoot, "temps")));
   EXPECT_TRUE(FileUtils::directoryExists(FileUtils::appendComponent(nestedRoot, "user 7/avatars")));
-  const std::string path = manager->avatarPath("https://avatars.test/1.png");
-  EXPECT_EQ(path,
-            FileUtils::appendComponent(
-                nestedRoot,
-                "user 7/avatars/" + TextUtils::hashString("https://avatars.test/1.png") + ".jpg"));
+  // The same file, whichever separators each side was put together with (Windows takes both).
+  const auto path = std::filesystem::u8path(manager->avatarPath("https://avatars.test/1.png"));
+  const auto expected = std::filesystem::u8path(FileUtils::appendComponent(
+      nestedRoot,
+      "user 7/avatars/" + TextUtils::hashString("https://avatars.test/1.png") + ".jpg"));
+  EXPECT_EQ(path.lexically_normal(), expected.lexically_normal());
 }
 
 TEST_F(AvatarCache, AvatarPathIsEmptyUntilTheDirectoriesExist) {
@@ -99,8 +100,14 @@ TEST_F(AvatarCache, UserIdsThatWouldLeaveTheRootAreRefusedWithNothingMade) {
                             "avatar user id refused, it would leave the avatar root: \"u\\x00v\""));
   EXPECT_EQ(manager->avatarPath("https://avatars.test/1.png"), "");
 
-  // Names that merely look alike stay accepted.
-  EXPECT_TRUE(manager->createAvatarPath(nestedRoot, "team/..hidden..."));
-  EXPECT_TRUE(FileUtils::directoryExists(
-      FileUtils::appendComponent(nestedRoot, "team/..hidden.../avatars")));
+  // Names that merely look alike stay accepted. Windows drops trailing dots from file names, so
+  // there the look-alike ends with a letter.
+#if defined(_WIN32)
+  const std::string lookAlike = "team/..hidden...x";
+#else
+  const std::string lookAlike = "team/..hidden...";
+#endif
+  EXPECT_TRUE(manager->createAvatarPath(nestedRoot, lookAlike));
+  EXPECT_TRUE(
+      FileUtils::directoryExists(FileUtils::appendComponent(nestedRoot, lookAlike + "/avatars")));
 }

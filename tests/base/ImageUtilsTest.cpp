@@ -1,7 +1,7 @@
 #include <quill_base/FileUtils.h>
 #include <quill_base/ImageUtils.h>
 
-#include "TestImages.h"
+#include "TestImagesVips.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>

@@ -1,150 +1,98 @@
 #pragma once
 
-#include <gtest/gtest.h>
-#include <vips/vips.h>
-
-#include <fstream>
-#include <memory>
+#include <cstddef>
 #include <string>
+#include <vector>
 
-// Real images for tests, made with libvips: noisy (so that encoders produce realistic amounts of
-// data) or transparent, encoded as JPEG, PNG or WebP.
+// Real images for tests, the same way on Linux and Windows: pictures made in memory (noise, so that
+// encoders produce realistic amounts of data; gradients; transparency; coloured quadrants that
+// show how a picture was turned), encoded as JPEG with libjpeg (optionally with an EXIF
+// orientation), and as PNG, GIF or BMP with the platform's own encoders (the Windows Imaging
+// Component on Windows, libvips on Linux, which also writes WebP). Scaled results are read back
+// with libjpeg. Paths are UTF-8, as in the library's API.
 namespace quill_test {
 
-struct VipsImageDeleter {
-  void operator()(VipsImage* image) const { g_object_unref(image); }
-};
-using VipsImagePtr = std::unique_ptr<VipsImage, VipsImageDeleter>;
+// An 8-bit interleaved picture, rows top to bottom: 1 channel (grey), 3 (RGB) or 4 (RGBA, straight
+// alpha).
+struct TestPicture {
+  int width = 0;
+  int height = 0;
+  int channels = 0;
+  std::vector<unsigned char> pixels;
 
-inline VipsImagePtr adoptImage(VipsImage* image) {
-  return VipsImagePtr(image);
-}
-
-inline void initVips() {
-  EXPECT_EQ(VIPS_INIT("quill_tests"), 0);
-  // Tests rewrite files under the same names; libvips' operation cache would answer a second
-  // vips_thumbnail of a name with the first file's pixels.
-  vips_cache_set_max(0);
-}
-
-// The image with its values cast to bytes and tagged as sRGB.
-inline VipsImagePtr asSrgbBytes(VipsImage* image) {
-  VipsImage* cast = nullptr;
-  EXPECT_EQ(vips_cast_uchar(image, &cast, nullptr), 0);
-  auto bytes = adoptImage(cast);
-  VipsImage* tagged = nullptr;
-  EXPECT_EQ(vips_copy(bytes.get(), &tagged, "interpretation", VIPS_INTERPRETATION_sRGB, nullptr),
-            0);
-  return adoptImage(tagged);
-}
-
-// Three one-band images as the red, green and blue of an sRGB byte image.
-inline VipsImagePtr joinAsSrgb(VipsImage* red, VipsImage* green, VipsImage* blue) {
-  VipsImage* joined = nullptr;
-  VipsImage* bands[] = {red, green, blue};
-  EXPECT_EQ(vips_bandjoin(bands, &joined, 3, nullptr), 0);
-  auto rgb = adoptImage(joined);
-  return asSrgbBytes(rgb.get());
-}
-
-// A noisy sRGB image; `seed` shifts the mean so that images of the same size differ.
-inline VipsImagePtr makeNoise(int width, int height, int seed = 0) {
-  initVips();
-  VipsImage* noise = nullptr;
-  EXPECT_EQ(vips_gaussnoise(&noise, width, height, "mean", 100.0 + seed % 50, "sigma", 40.0, "seed",
-                            seed, nullptr),
-            0);
-  auto grey = adoptImage(noise);
-  return joinAsSrgb(grey.get(), grey.get(), grey.get());
-}
-
-// A smooth sRGB colour gradient, different for each seed: compresses like a photograph rather than
-// like noise, so it is quick to encode, download and decode.
-inline VipsImagePtr makeGradient(int width, int height, int seed = 0) {
-  initVips();
-  VipsImage* coordinates = nullptr;
-  EXPECT_EQ(vips_xyz(&coordinates, width, height, nullptr), 0);
-  auto xy = adoptImage(coordinates);
-  VipsImage* x = nullptr;
-  VipsImage* y = nullptr;
-  EXPECT_EQ(vips_extract_band(xy.get(), &x, 0, nullptr), 0);
-  EXPECT_EQ(vips_extract_band(xy.get(), &y, 1, nullptr), 0);
-  auto xs = adoptImage(x);
-  auto ys = adoptImage(y);
-  VipsImage* red = nullptr;
-  VipsImage* green = nullptr;
-  VipsImage* blue = nullptr;
-  EXPECT_EQ(vips_linear1(xs.get(), &red, 200.0 / width, seed % 56, nullptr), 0);
-  EXPECT_EQ(vips_linear1(ys.get(), &green, 200.0 / height, (seed * 7) % 56, nullptr), 0);
-  EXPECT_EQ(vips_linear1(xs.get(), &blue, -100.0 / width, 150 + (seed * 13) % 100, nullptr), 0);
-  auto r = adoptImage(red);
-  auto g = adoptImage(green);
-  auto b = adoptImage(blue);
-  return joinAsSrgb(r.get(), g.get(), b.get());
-}
-
-// A fully transparent black image with an alpha band.
-inline VipsImagePtr makeTransparent(int width, int height) {
-  initVips();
-  VipsImage* black = nullptr;
-  EXPECT_EQ(vips_black(&black, width, height, "bands", 4, nullptr), 0);
-  auto rgba = adoptImage(black);
-  return asSrgbBytes(rgba.get());
-}
-
-enum class ImageFormat { kJpeg, kPng, kWebp };
-
-// The image encoded in the format, as bytes.
-inline std::string encodeImage(VipsImage* image, ImageFormat format) {
-  void* buffer = nullptr;
-  size_t length = 0;
-  int result = -1;
-  switch (format) {
-    case ImageFormat::kJpeg:
-      result = vips_jpegsave_buffer(image, &buffer, &length, nullptr);
-      break;
-    case ImageFormat::kPng:
-      result = vips_pngsave_buffer(image, &buffer, &length, "compression", 1, nullptr);
-      break;
-    case ImageFormat::kWebp:
-      result = vips_webpsave_buffer(image, &buffer, &length, "effort", 0, nullptr);
-      break;
+  bool empty() const { return width == 0 || height == 0; }
+  const unsigned char* at(int x, int y) const {
+    return pixels.data() + (static_cast<std::size_t>(y) * width + x) * channels;
   }
-  EXPECT_EQ(result, 0) << vips_error_buffer();
-  std::string bytes(static_cast<const char*>(buffer), length);
-  g_free(buffer);
-  return bytes;
-}
+};
+
+// Grey Gaussian noise as RGB; `seed` shifts the mean so that pictures of the same size differ.
+TestPicture noisePicture(int width, int height, int seed = 0);
+
+// A smooth colour gradient, different for each seed: compresses like a photograph rather than like
+// noise, so it is quick to encode, download and decode.
+TestPicture gradientPicture(int width, int height, int seed = 0);
+
+// RGBA: fully transparent black.
+TestPicture transparentPicture(int width, int height);
+
+// RGBA: a red disc, opaque, in the middle of a fully transparent square.
+TestPicture discOnTransparentPicture(int side);
+
+// RGB: four flat quadrants, red top left, green top right, blue bottom left, yellow bottom right.
+// Each of the eight EXIF orientations shows them in a different arrangement.
+TestPicture quadrantPicture(int width, int height);
+
+// The picture as one grey channel (Rec. 601 luma).
+TestPicture greyVersion(const TestPicture& picture);
+
+enum class ImageFormat { kJpeg, kPng, kGif, kBmp, kWebp };
+
+// Whether this platform's test encoders write the format (WebP only with libvips).
+bool canEncode(ImageFormat format);
+
+// The picture as a JPEG (libjpeg, baseline). A non-zero orientation is written as an EXIF APP1
+// marker carrying that orientation tag, as cameras and phones do. Alpha is dropped.
+std::string encodeJpeg(const TestPicture& picture, int quality = 90, int orientation = 0);
+
+// The picture encoded in the format, as bytes; "" (and a test failure) when it cannot be.
+std::string encodeImage(const TestPicture& picture, ImageFormat format);
 
 inline std::string noiseImage(int width, int height, ImageFormat format, int seed = 0) {
-  return encodeImage(makeNoise(width, height, seed).get(), format);
+  return encodeImage(noisePicture(width, height, seed), format);
 }
 
 inline std::string gradientImage(int width, int height, ImageFormat format, int seed = 0) {
-  return encodeImage(makeGradient(width, height, seed).get(), format);
+  return encodeImage(gradientPicture(width, height, seed), format);
 }
+
+// PNG and JPEG headers that claim width x height but carry no picture data.
+std::string pngHeaderClaiming(unsigned width, unsigned height);
+std::string jpegHeaderClaiming(unsigned width, unsigned height);
+// A GIF whose screen and only frame claim width x height (at most 65535 each) and that carries a
+// single pixel: whole for 1 x 1.
+std::string gifClaiming(unsigned width, unsigned height);
+
+// Files at UTF-8 paths (wide calls on Windows).
+bool writeBytes(const std::string& path, const std::string& bytes);
+std::string readBytes(const std::string& path);
+bool pathExists(const std::string& path);
+bool makeDirectories(const std::string& path);
+// Names (UTF-8) of the entries of a directory; empty when it cannot be read.
+std::vector<std::string> entryNames(const std::string& directory);
+
+// A JPEG file decoded with libjpeg: 1 channel for a greyscale JPEG, 3 otherwise; empty when the
+// file is not a whole, readable JPEG.
+TestPicture decodeJpegFile(const std::string& path);
 
 struct ImageSize {
   int width = 0;
   int height = 0;
 };
 
-// Width and height of an image file; 0 x 0 when it cannot be read.
-inline ImageSize imageSizeOf(const std::string& path) {
-  initVips();
-  auto image = adoptImage(vips_image_new_from_file(path.c_str(), nullptr));
-  if (!image) {
-    vips_error_clear();
-    return {};
-  }
-  return {vips_image_get_width(image.get()), vips_image_get_height(image.get())};
-}
+// Width and height of a JPEG file; 0 x 0 when it cannot be read.
+ImageSize imageSizeOf(const std::string& path);
 
-inline bool isJpegFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  unsigned char magic[3] = {};
-  in.read(reinterpret_cast<char*>(magic), 3);
-  return in && magic[0] == 0xFF && magic[1] == 0xD8 && magic[2] == 0xFF;
-}
+bool isJpegFile(const std::string& path);
 
 }  // namespace quill_test

@@ -1,47 +1,24 @@
 #include "JpegThumbnail.h"
 
 #include "AreaAverage.h"
+#include "ExifOrientation.h"
+#include "JpegErrors.h"
+#include "JpegWriter.h"
+#include "PixelOperations.h"
 
 #include <quill_base/FileUtils.h>
 
 #include <algorithm>
-#include <cmath>
-#include <csetjmp>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include <jpeglib.h>
 
 namespace quill_base_detail {
 namespace {
-
-constexpr int kQuality = 85;
-
-// libjpeg reports fatal errors through error_exit, which must not return: jump back to the caller
-// instead of letting the default handler end the process. Warnings are counted, never printed.
-struct ErrorManager {
-  jpeg_error_mgr base;
-  std::jmp_buf jump;
-};
-
-void onFatalError(j_common_ptr info) {
-  std::longjmp(reinterpret_cast<ErrorManager*>(info->err)->jump, 1);
-}
-
-void onMessage(j_common_ptr info, int level) {
-  if (level < 0) {
-    info->err->num_warnings += 1;
-  }
-}
-
-void useErrorManager(ErrorManager& errors) {
-  jpeg_std_error(&errors.base);
-  errors.base.error_exit = onFatalError;
-  errors.base.emit_message = onMessage;
-}
 
 // The whole source, read with one call when its first bytes are a JPEG's: avatars are small, and
 // decoding from memory spares libjpeg's 4 KiB reads. Anything else is left unread for the general
@@ -68,56 +45,24 @@ bool startsWith(const jpeg_saved_marker_ptr marker, const char* prefix, std::siz
   return marker->data_length >= length && std::memcmp(marker->data, prefix, length) == 0;
 }
 
-// The orientation tag (0x0112) of an EXIF block's first image directory; 1 (upright) when the block
-// has none, 0 when the block cannot be read.
-int exifOrientation(const unsigned char* data, std::size_t length) {
-  // "Exif\0\0", then a TIFF header: byte order, 42, offset of the first directory.
-  const unsigned char* tiff = data + 6;
-  const std::size_t size = length - 6;
-  if (size < 8) {
-    return 0;
-  }
-  const bool little = tiff[0] == 'I' && tiff[1] == 'I';
-  if (!little && !(tiff[0] == 'M' && tiff[1] == 'M')) {
-    return 0;
-  }
-  auto read16 = [&](std::size_t at) -> unsigned {
-    return little ? tiff[at] | (tiff[at + 1] << 8) : (tiff[at] << 8) | tiff[at + 1];
-  };
-  auto read32 = [&](std::size_t at) -> std::size_t {
-    return little ? read16(at) | (static_cast<std::size_t>(read16(at + 2)) << 16)
-                  : (static_cast<std::size_t>(read16(at)) << 16) | read16(at + 2);
-  };
-  const std::size_t directory = read32(4);
-  if (directory > size - 2) {
-    return 0;
-  }
-  const unsigned entries = read16(directory);
-  for (unsigned i = 0; i < entries; ++i) {
-    const std::size_t entry = directory + 2 + static_cast<std::size_t>(i) * 12;
-    if (entry > size - 12) {
-      return 0;
-    }
-    if (read16(entry) == 0x0112) {
-      return static_cast<int>(read16(entry + 8));
-    }
-  }
-  return 1;
-}
+// What the markers say about reading the pixels: the EXIF orientation (1 when there is none) and
+// whether an ICC profile is embedded.
+struct Markers {
+  int orientation = 1;
+  bool colourProfile = false;
+};
 
-// Markers that change how the pixels must be read: an ICC profile, or an EXIF orientation other
-// than upright.
-bool needsColourOrOrientationWork(j_decompress_ptr decoder) {
+Markers readMarkers(j_decompress_ptr decoder) {
+  Markers markers;
   for (auto marker = decoder->marker_list; marker != nullptr; marker = marker->next) {
-    if (marker->marker == JPEG_APP0 + 1 && startsWith(marker, "Exif\0\0", 6) &&
-        exifOrientation(marker->data, marker->data_length) != 1) {
-      return true;
+    if (marker->marker == JPEG_APP0 + 1 && startsWith(marker, "Exif\0\0", 6)) {
+      markers.orientation = exifOrientation(marker->data, marker->data_length);
     }
     if (marker->marker == JPEG_APP0 + 2 && startsWith(marker, "ICC_PROFILE\0", 12)) {
-      return true;
+      markers.colourProfile = true;
     }
   }
-  return false;
+  return markers;
 }
 
 // Buffers each thread keeps between calls: avatars are scaled one after another on a few
@@ -156,24 +101,28 @@ private:
 // What the header said and what the decode chose, kept by the caller: nothing here may own memory
 // across libjpeg's longjmp.
 struct Plan {
-  int targetWidth = 0;
-  int targetHeight = 0;
+  // The size as stored (before the orientation is applied) that the averager produces.
+  int storedWidth = 0;
+  int storedHeight = 0;
+  // Larger than the stored size when a small picture is enlarged afterwards.
+  int enlargedWidth = 0;
+  int enlargedHeight = 0;
   int channels = 0;
+  int orientation = 1;
 };
 
 // Decodes at the smallest DCT scale whose size still covers the target, feeding each row to the
 // averager as it comes: the full-size picture is never held.
 JpegThumbnailResult decode(const std::vector<unsigned char>& bytes, int size,
-                           std::uint64_t maxPixels, Plan& plan,
+                           std::uint64_t maxPixels, JpegThumbnailOptions options, Plan& plan,
                            std::unique_ptr<AreaAverage>& averager,
                            std::vector<unsigned char>& rowBuffer) {
   jpeg_decompress_struct decoder;
-  ErrorManager errors;
-  decoder.err = &errors.base;
-  useErrorManager(errors);
+  JpegErrors errors;
+  decoder.err = useJpegErrors(errors);
   if (setjmp(errors.jump) != 0) {
     jpeg_destroy_decompress(&decoder);
-    return JpegThumbnailResult::kNotHandled;
+    return JpegThumbnailResult::kDamaged;
   }
   jpeg_create_decompress(&decoder);
   jpeg_mem_src(&decoder, bytes.data(), static_cast<unsigned long>(bytes.size()));
@@ -186,12 +135,16 @@ JpegThumbnailResult decode(const std::vector<unsigned char>& bytes, int size,
   const bool grey = decoder.jpeg_color_space == JCS_GRAYSCALE;
   const bool plainColours =
       decoder.jpeg_color_space == JCS_YCbCr || grey || decoder.jpeg_color_space == JCS_RGB;
+  const Markers markers = readMarkers(&decoder);
+  const bool smallerThanBox =
+      width <= static_cast<std::uint64_t>(size) && height <= static_cast<std::uint64_t>(size);
   JpegThumbnailResult verdict = JpegThumbnailResult::kWritten;
   if (width * height > maxPixels) {
     verdict = JpegThumbnailResult::kTooLarge;
-  } else if (!plainColours || needsColourOrOrientationWork(&decoder) || width == 0 || height == 0 ||
-             (width <= static_cast<std::uint64_t>(size) &&
-              height <= static_cast<std::uint64_t>(size))) {
+  } else if (!plainColours || width == 0 || height == 0) {
+    verdict = JpegThumbnailResult::kNotHandled;
+  } else if (!options.complete &&
+             (markers.orientation != 1 || markers.colourProfile || smallerThanBox)) {
     verdict = JpegThumbnailResult::kNotHandled;
   }
   if (verdict != JpegThumbnailResult::kWritten) {
@@ -199,12 +152,18 @@ JpegThumbnailResult decode(const std::vector<unsigned char>& bytes, int size,
     return verdict;
   }
 
-  const double scale = std::min(static_cast<double>(size) / static_cast<double>(width),
-                                static_cast<double>(size) / static_cast<double>(height));
-  plan.targetWidth =
-      std::clamp(static_cast<int>(std::lround(static_cast<double>(width) * scale)), 1, size);
-  plan.targetHeight =
-      std::clamp(static_cast<int>(std::lround(static_cast<double>(height) * scale)), 1, size);
+  // The box is fitted to the picture as it is shown; the decode works on it as it is stored.
+  plan.orientation = markers.orientation;
+  const bool turned = swapsSides(plan.orientation);
+  const Dimensions shown = turned ? fitWithin(size, height, width) : fitWithin(size, width, height);
+  const int targetWidth = turned ? shown.height : shown.width;
+  const int targetHeight = turned ? shown.width : shown.height;
+  const bool enlarging = static_cast<std::uint64_t>(targetWidth) > width ||
+                         static_cast<std::uint64_t>(targetHeight) > height;
+  plan.storedWidth = enlarging ? static_cast<int>(width) : targetWidth;
+  plan.storedHeight = enlarging ? static_cast<int>(height) : targetHeight;
+  plan.enlargedWidth = enlarging ? targetWidth : plan.storedWidth;
+  plan.enlargedHeight = enlarging ? targetHeight : plan.storedHeight;
   plan.channels = grey ? 1 : 3;
   decoder.scale_num = 8;
   decoder.scale_denom = 8;
@@ -213,8 +172,8 @@ JpegThumbnailResult decode(const std::vector<unsigned char>& bytes, int size,
   for (unsigned eighths : {1u, 2u, 4u}) {
     const auto scaledWidth = (width * eighths + 7) / 8;
     const auto scaledHeight = (height * eighths + 7) / 8;
-    if (scaledWidth >= static_cast<std::uint64_t>(plan.targetWidth) &&
-        scaledHeight >= static_cast<std::uint64_t>(plan.targetHeight)) {
+    if (scaledWidth >= static_cast<std::uint64_t>(plan.storedWidth) &&
+        scaledHeight >= static_cast<std::uint64_t>(plan.storedHeight)) {
       decoder.scale_num = eighths;
       break;
     }
@@ -227,8 +186,8 @@ JpegThumbnailResult decode(const std::vector<unsigned char>& bytes, int size,
   jpeg_start_decompress(&decoder);
   const int decodedWidth = static_cast<int>(decoder.output_width);
   const int decodedHeight = static_cast<int>(decoder.output_height);
-  averager = std::make_unique<AreaAverage>(decodedWidth, decodedHeight, plan.targetWidth,
-                                           plan.targetHeight, plan.channels);
+  averager = std::make_unique<AreaAverage>(decodedWidth, decodedHeight, plan.storedWidth,
+                                           plan.storedHeight, plan.channels);
   // As many rows at a time as the decoder produces in one go (one iMCU row of a scaled decode).
   const int batch = std::max(1, decoder.rec_outbuf_height);
   const std::size_t stride = static_cast<std::size_t>(decodedWidth) * plan.channels;
@@ -245,55 +204,17 @@ JpegThumbnailResult decode(const std::vector<unsigned char>& bytes, int size,
     }
   }
   jpeg_finish_decompress(&decoder);
-  // A truncated or damaged stream is only warned about (and padded with grey): leave it to the
-  // general path, which refuses it with a reason.
+  // A truncated or damaged stream is only warned about (and padded with grey): never stored.
   const bool clean = errors.base.num_warnings == 0;
   jpeg_destroy_decompress(&decoder);
-  return clean ? JpegThumbnailResult::kWritten : JpegThumbnailResult::kNotHandled;
-}
-
-// Compresses into `output`, which holds room for any picture of this size: libjpeg then never
-// reallocates it (a reallocation would be lost on a longjmp).
-bool encode(const std::vector<unsigned char>& pixels, const Plan& plan,
-            std::vector<unsigned char>& output, unsigned long& outputSize) {
-  jpeg_compress_struct encoder;
-  ErrorManager errors;
-  encoder.err = &errors.base;
-  useErrorManager(errors);
-  if (setjmp(errors.jump) != 0) {
-    jpeg_destroy_compress(&encoder);
-    return false;
-  }
-  jpeg_create_compress(&encoder);
-  encoder.image_width = static_cast<JDIMENSION>(plan.targetWidth);
-  encoder.image_height = static_cast<JDIMENSION>(plan.targetHeight);
-  encoder.input_components = plan.channels;
-  encoder.in_color_space = plan.channels == 1 ? JCS_GRAYSCALE : JCS_RGB;
-  jpeg_set_defaults(&encoder);
-  jpeg_set_quality(&encoder, kQuality, TRUE);
-  unsigned char* buffer = output.data();
-  outputSize = static_cast<unsigned long>(output.size());
-  jpeg_mem_dest(&encoder, &buffer, &outputSize);
-  jpeg_start_compress(&encoder, TRUE);
-  const std::size_t stride = static_cast<std::size_t>(plan.targetWidth) * plan.channels;
-  while (encoder.next_scanline < encoder.image_height) {
-    auto row = const_cast<JSAMPROW>(pixels.data() + stride * encoder.next_scanline);
-    jpeg_write_scanlines(&encoder, &row, 1);
-  }
-  jpeg_finish_compress(&encoder);
-  jpeg_destroy_compress(&encoder);
-  // Had it outgrown the room, libjpeg would have moved it to a buffer of its own.
-  if (buffer != output.data()) {
-    std::free(buffer);
-    return false;
-  }
-  return true;
+  return clean ? JpegThumbnailResult::kWritten : JpegThumbnailResult::kDamaged;
 }
 
 }  // namespace
 
 JpegThumbnailResult writeJpegThumbnail(int size, const std::string& source,
-                                       const std::string& target, std::uint64_t maxPixels) {
+                                       const std::string& target, std::uint64_t maxPixels,
+                                       JpegThumbnailOptions options) {
   Scratch& scratch = threadScratch();
   const ScratchTrim trim(scratch);
   if (size < 1 || !readJpeg(source, scratch.bytes)) {
@@ -301,15 +222,28 @@ JpegThumbnailResult writeJpegThumbnail(int size, const std::string& source,
   }
   Plan plan;
   std::unique_ptr<AreaAverage> averager;
-  const auto decoded = decode(scratch.bytes, size, maxPixels, plan, averager, scratch.rows);
+  const auto decoded =
+      decode(scratch.bytes, size, maxPixels, options, plan, averager, scratch.rows);
   if (decoded != JpegThumbnailResult::kWritten) {
     return decoded;
   }
-  // Far more than a compressed picture of this size can take.
-  scratch.output.resize(
-      static_cast<std::size_t>(plan.targetWidth) * plan.targetHeight * plan.channels * 2 + 65536);
-  unsigned long outputSize = 0;
-  if (!encode(averager->pixels(), plan, scratch.output, outputSize) ||
+  const std::vector<unsigned char>* pixels = &averager->pixels();
+  int width = plan.storedWidth;
+  int height = plan.storedHeight;
+  Picture finished;
+  if (plan.orientation != 1 || plan.enlargedWidth != plan.storedWidth ||
+      plan.enlargedHeight != plan.storedHeight) {
+    finished = Picture{plan.storedWidth, plan.storedHeight, plan.channels, averager->pixels()};
+    if (plan.enlargedWidth != plan.storedWidth || plan.enlargedHeight != plan.storedHeight) {
+      finished = enlarge(finished, plan.enlargedWidth, plan.enlargedHeight);
+    }
+    finished = applyOrientation(std::move(finished), plan.orientation);
+    pixels = &finished.pixels;
+    width = finished.width;
+    height = finished.height;
+  }
+  std::size_t outputSize = 0;
+  if (!compressJpeg(pixels->data(), width, height, plan.channels, scratch.output, outputSize) ||
       !FileUtils::writeNewFile(target, scratch.output.data(), outputSize)) {
     return JpegThumbnailResult::kNotHandled;
   }

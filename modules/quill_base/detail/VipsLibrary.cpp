@@ -5,33 +5,11 @@
 #include <mutex>
 #include <string>
 
-#if defined(_WIN32)
-#include <windows.h>
-#else
 #include <dlfcn.h>
-#endif
 
 namespace quill_base_detail {
 namespace {
 
-#if defined(_WIN32)
-using Handle = HMODULE;
-
-Handle openLibrary(const char* name) {
-  return LoadLibraryA(name);
-}
-
-void* findSymbol(Handle library, const char* name) {
-  return reinterpret_cast<void*>(GetProcAddress(library, name));
-}
-
-std::string lastLoadError() {
-  return "error " + std::to_string(GetLastError());
-}
-
-// The names the libvips builds for Windows give the DLL.
-const char* const kLibraryNames[] = {"libvips-42.dll"};
-#else
 using Handle = void*;
 
 Handle openLibrary(const char* name) {
@@ -57,7 +35,6 @@ const char* const kLibraryNames[] = {
     "libvips.42.dylib",
 #endif
     "libvips.so.42"};
-#endif
 
 template <typename Function>
 bool bind(Handle library, const char* name, Function& function, std::string& missing) {
