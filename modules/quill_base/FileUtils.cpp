@@ -32,6 +32,21 @@ std::string fromPath(const fs::path& path) {
   return path.u8string();
 }
 
+// The errno value of a failed file system call: std::filesystem reports Windows' own error codes
+// on Windows (5 for access denied), which callers compare with and print as errno values.
+int errnoOf(const std::error_code& ec) {
+  const auto condition = ec.default_error_condition();
+  return condition.category() == std::generic_category() ? condition.value() : ec.value();
+}
+
+#if defined(_WIN32)
+// Windows file systems allow 255 UTF-16 units a name; a longer one fails with whatever error the
+// call happens to give (access denied, invalid name), which tells a user nothing.
+bool nameTooLong(const fs::path& path) {
+  return path.filename().wstring().size() > 255;
+}
+#endif
+
 // Copies the bytes of `from` into a file that createNewFile makes at `to`; on failure nothing is
 // left at `to` and `error` holds errno.
 bool copyIntoNewFile(const std::string& from, const std::string& to, int& error) {
@@ -150,7 +165,12 @@ bool FileUtils::moveFile(const std::string& from, const std::string& to, int* sy
     return true;
   }
   if (ec != std::errc::cross_device_link) {
-    error = ec.value();
+    error = errnoOf(ec);
+#if defined(_WIN32)
+    if (nameTooLong(target)) {
+      error = ENAMETOOLONG;
+    }
+#endif
     std::error_code ignored;
     return fs::equivalent(source, target, ignored);
   }
@@ -162,7 +182,7 @@ bool FileUtils::moveFile(const std::string& from, const std::string& to, int* sy
   }
   fs::rename(toPath(staging), target, ec);
   if (ec) {
-    error = ec.value();
+    error = errnoOf(ec);
     fs::remove(toPath(staging), ec);
     return false;
   }

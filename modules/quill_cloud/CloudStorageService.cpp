@@ -1,14 +1,12 @@
 #include <quill_cloud/CloudStorageService.h>
 
 #include "inner/CloudStorageLogic.h"
+#include "inner/ServiceFactory.h"
 
 #include <utility>
 
 CloudStorageService::CloudStorageService(bool waitForConfig)
-    : CloudStorageService(std::make_shared<cloud::CloudStorageLogic>(waitForConfig)) {}
-
-CloudStorageService::CloudStorageService(std::shared_ptr<cloud::CloudStorageLogic> logic)
-    : logicPtr(std::move(logic)) {}
+    : logicPtr(cloud::ServiceFactory::makeLogic(waitForConfig)) {}
 
 CloudStorageService::~CloudStorageService() {
   // Nothing of the service runs once this returns (unless it is called from one of its own

@@ -6,7 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#if !defined(_WIN32)
 #include <sys/stat.h>
+#endif
 
 #include <cerrno>
 #include <cstring>
@@ -28,6 +30,11 @@ void writeFile(const std::string& path, const std::string& content) {
   std::ofstream(fs::u8path(path), std::ios::binary) << content;
 }
 
+#if !defined(_WIN32)
+// Permission bits are POSIX's: on Windows a new file takes its directory's access list, which
+// this code does not change.
+#define QUILL_FILE_MODES 1
+
 unsigned modeOf(const std::string& path) {
   struct stat info {};
   EXPECT_EQ(::lstat(path.c_str(), &info), 0) << path;
@@ -45,6 +52,8 @@ unsigned currentUmask() {
   return 022;
 }
 
+#endif
+
 // A link at `link` to `target`; false when this system or user cannot make one.
 bool plantLink(const std::string& target, const std::string& link) {
   std::error_code error;
@@ -60,11 +69,15 @@ TEST(FileCreation, CreateNewFileMakesAPrivateFile) {
   std::FILE* file = FileUtils::createNewFile(path);
   ASSERT_NE(file, nullptr) << std::strerror(errno);
   EXPECT_EQ(std::fwrite("abc", 1, 3, file), 3u);
+#if QUILL_FILE_MODES
   EXPECT_EQ(modeOf(path), 0600u);
+#endif
   EXPECT_TRUE(FileUtils::makeShareable(file));
   EXPECT_EQ(std::fclose(file), 0);
   EXPECT_EQ(readFile(path), "abc");
+#if QUILL_FILE_MODES
   EXPECT_EQ(modeOf(path), 0666u & ~currentUmask());
+#endif
 }
 
 TEST(FileCreation, CreateNewFileRefusesATakenName) {
@@ -104,7 +117,9 @@ TEST(FileCreation, WriteNewFileWritesWholeOrLeavesNothing) {
   const auto path = dir.file("whole.bin");
   ASSERT_TRUE(FileUtils::writeNewFile(path, "0123456789", 10));
   EXPECT_EQ(readFile(path), "0123456789");
+#if QUILL_FILE_MODES
   EXPECT_EQ(modeOf(path), 0666u & ~currentUmask());
+#endif
   EXPECT_FALSE(FileUtils::writeNewFile(path, "other", 5)) << "never over an existing file";
   EXPECT_EQ(readFile(path), "0123456789");
   ASSERT_TRUE(FileUtils::writeNewFile(dir.file("empty"), nullptr, 0));
@@ -155,7 +170,12 @@ TEST(FileCreation, AFailedMoveTellsWhy) {
   EXPECT_EQ(error, EISDIR);
   EXPECT_EQ(readFile(source), "bytes");
   EXPECT_FALSE(FileUtils::moveFile(source, dir.file("missing/target"), &error));
+#if defined(_WIN32)
+  // Windows' C runtime says ENOENT; Wine's (which the Windows tests run on) says EIO.
+  EXPECT_TRUE(error == ENOENT || error == EIO) << error;
+#else
   EXPECT_EQ(error, ENOENT);
+#endif
   EXPECT_FALSE(FileUtils::moveFile(dir.file("no-source"), dir.file("t"), &error));
   EXPECT_EQ(error, 0);
   EXPECT_TRUE(FileUtils::moveFile(source, dir.file("moved"), &error));

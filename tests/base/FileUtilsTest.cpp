@@ -33,11 +33,18 @@ void setAge(const std::string& path, int secondsAgo) {
 }  // namespace
 
 TEST(FileUtils, AppendComponentJoinsWithOneSeparator) {
-  EXPECT_EQ(FileUtils::appendComponent("a", "b"), "a/b");
+  // The platform's separator; a directory already ending in either kind keeps its own.
+#if defined(_WIN32)
+  const std::string separator = "\\";
+#else
+  const std::string separator = "/";
+#endif
+  EXPECT_EQ(FileUtils::appendComponent("a", "b"), "a" + separator + "b");
   EXPECT_EQ(FileUtils::appendComponent("a/", "b"), "a/b");
-  EXPECT_EQ(FileUtils::appendComponent("/root", "user/avatars"), "/root/user/avatars");
+  EXPECT_EQ(FileUtils::appendComponent("/root", "user/avatars"),
+            "/root" + separator + "user/avatars");
   EXPECT_EQ(FileUtils::appendComponent("", "b"), "b");
-  EXPECT_EQ(FileUtils::appendComponent("a", ""), "a/");
+  EXPECT_EQ(FileUtils::appendComponent("a", ""), "a" + separator);
 }
 
 TEST(FileUtils, DirectoryExists) {

@@ -5,7 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#if defined(_WIN32)
+#include <windows.h>
+#else
 #include <pthread.h>
+#endif
 
 #include <atomic>
 #include <memory>
@@ -15,6 +19,32 @@
 #include <vector>
 
 using quill_test::EventCounter;
+
+namespace {
+
+// The name the system shows for the calling thread (debuggers, crash reports, top).
+std::string currentThreadName() {
+#if defined(_WIN32)
+  using GetThreadDescriptionFunction = HRESULT(WINAPI*)(HANDLE, PWSTR*);
+  const auto getDescription =
+      reinterpret_cast<GetThreadDescriptionFunction>(reinterpret_cast<void*>(
+          GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "GetThreadDescription")));
+  PWSTR wide = nullptr;
+  if (getDescription == nullptr || FAILED(getDescription(GetCurrentThread(), &wide))) {
+    return "";
+  }
+  char name[256] = {};
+  WideCharToMultiByte(CP_UTF8, 0, wide, -1, name, sizeof name, nullptr, nullptr);
+  LocalFree(wide);
+  return name;
+#else
+  char name[16] = {};
+  pthread_getname_np(pthread_self(), name, sizeof name);
+  return name;
+#endif
+}
+
+}  // namespace
 
 TEST(SerialQueue, RunsClosuresInDispatchOrder) {
   SerialQueue queue("order");
@@ -77,9 +107,7 @@ TEST(SerialQueue, RunsOnOneThreadNamedAfterTheQueue) {
   EventCounter done;
   queue.dispatch([&] {
     first = std::this_thread::get_id();
-    char name[16] = {};
-    pthread_getname_np(pthread_self(), name, sizeof name);
-    threadName = name;
+    threadName = currentThreadName();
     current = queue.isCurrentQueue();
     done.add();
   });

@@ -1,4 +1,5 @@
 #include "DownloadTestSupport.h"
+#include "Environment.h"
 #include "LogCapture.h"
 
 #include <gtest/gtest.h>
@@ -15,13 +16,13 @@ namespace {
 // environment when a download task is made.
 struct DownloadRetryTest : ::testing::Test, DownloadFixture {
   DownloadRetryTest() {
-    setenv("QUILL_STATIC_HOST", "static.quill.test", 1);
-    setenv("QUILL_IMAGE_CDN_HOST", "cdn.quill.test", 1);
+    quill_test::setEnvironment("QUILL_STATIC_HOST", "static.quill.test");
+    quill_test::setEnvironment("QUILL_IMAGE_CDN_HOST", "cdn.quill.test");
   }
   ~DownloadRetryTest() override {
     service.reset();
-    unsetenv("QUILL_STATIC_HOST");
-    unsetenv("QUILL_IMAGE_CDN_HOST");
+    quill_test::unsetEnvironment("QUILL_STATIC_HOST");
+    quill_test::unsetEnvironment("QUILL_IMAGE_CDN_HOST");
   }
 };
 

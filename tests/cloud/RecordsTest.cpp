@@ -1,3 +1,5 @@
+#include "Environment.h"
+
 #include <quill_cloud/CloudStorageConfig.h>
 #include <quill_cloud/CloudStorageRequest.h>
 
@@ -18,16 +20,16 @@ public:
       hadPrevious = true;
     }
     if (value != nullptr) {
-      setenv(name, value, 1);
+      quill_test::setEnvironment(name, value);
     } else {
-      unsetenv(name);
+      quill_test::unsetEnvironment(name);
     }
   }
   ~ScopedEnv() {
     if (hadPrevious) {
-      setenv(name, previous.c_str(), 1);
+      quill_test::setEnvironment(name, previous.c_str());
     } else {
-      unsetenv(name);
+      quill_test::unsetEnvironment(name);
     }
   }
 

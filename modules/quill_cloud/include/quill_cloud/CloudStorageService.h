@@ -8,7 +8,6 @@
 
 namespace cloud {
 class CloudStorageLogic;
-class ServiceFactory;
 }  // namespace cloud
 
 // The entry point of the library: the host makes one, tells it who the user is and hands it
@@ -45,10 +44,5 @@ public:
   void changeAid(const std::string& aid);
 
 private:
-  // A service on a scheduler made inside the library (see cloud::ServiceFactory); not exported.
-  friend class cloud::ServiceFactory;
-  QUILL_CLOUD_NO_EXPORT explicit CloudStorageService(
-      std::shared_ptr<cloud::CloudStorageLogic> logic);
-
   std::shared_ptr<cloud::CloudStorageLogic> logicPtr;
 };
