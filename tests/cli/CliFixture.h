@@ -24,17 +24,42 @@ using quill_test::TempDir;
 struct CliTest : ::testing::Test {
   TempDir user;
   TempDir work;
-  // XDG_STATE_HOME of every run: the tool's log goes below it, not into the real home.
+  // XDG_STATE_HOME (Windows: LOCALAPPDATA) of every run: the tool's log goes below it, not into
+  // the real home.
   TempDir state;
 
   Environment environment(std::vector<std::pair<std::string, std::string>> extra = {}) const {
     Environment result;
+#if defined(_WIN32)
+    result.set = {{ "LOCALAPPDATA", state.path() }};
+#else
     result.set = {{"XDG_STATE_HOME", state.path()}};
+#endif
     result.set.insert(result.set.end(), extra.begin(), extra.end());
     return result;
   }
   std::string logFile() const {
+#if defined(_WIN32)
+    return normalPath(FileUtils::appendComponent(state.path(), "quill-cloud/log/quill-cloud.log"));
+#else
     return FileUtils::appendComponent(state.path(), "quill-cloud/quill-cloud.log");
+#endif
+  }
+
+  // A path as the tool prints the paths it made absolute: in normal form, which on Windows also
+  // turns every '/' into '\\'. The tests' POSIX paths are normal already and left as they are.
+  static std::string normalPath(const std::string& path) {
+#if defined(_WIN32)
+    return std::filesystem::u8path(path).lexically_normal().u8string();
+#else
+    return path;
+#endif
+  }
+  static std::vector<std::string> normalPaths(std::vector<std::string> paths) {
+    for (auto& path : paths) {
+      path = normalPath(path);
+    }
+    return paths;
   }
 
   Outcome run(const std::vector<std::string>& arguments,
@@ -62,6 +87,12 @@ struct CliTest : ::testing::Test {
     std::vector<std::string> result;
     std::istringstream in(text);
     for (std::string line; std::getline(in, line);) {
+#if defined(_WIN32)
+      // The tool's text-mode standard streams end each line with "\r\n" there.
+      if (!line.empty() && line.back() == '\r') {
+        line.pop_back();
+      }
+#endif
       if (!line.empty()) {
         result.push_back(line);
       }
@@ -98,7 +129,7 @@ struct CliTest : ::testing::Test {
   static std::size_t entries(const std::string& directory) {
     std::error_code error;
     std::size_t count = 0;
-    for (auto it = std::filesystem::directory_iterator(directory, error);
+    for (auto it = std::filesystem::directory_iterator(std::filesystem::u8path(directory), error);
          !error && it != std::filesystem::directory_iterator(); it.increment(error)) {
       ++count;
     }

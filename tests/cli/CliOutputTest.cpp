@@ -4,6 +4,7 @@
 
 #include <quill_cloud/CloudStorageCodes.h>
 
+#include <filesystem>
 #include <fstream>
 #include <regex>
 
@@ -13,7 +14,7 @@ using quill_test::CloudEnvironment;
 namespace {
 
 std::string readAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
+  std::ifstream in(std::filesystem::u8path(path), std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
@@ -28,8 +29,10 @@ TEST_F(CliTest, EachResultIsPrintedWhenItsTransferEnds) {
   ASSERT_EQ(outcome.status, 0) << outcome.errors;
   const auto printed = lines(outcome.output);
   ASSERT_EQ(printed.size(), 2u) << outcome.output;
-  EXPECT_EQ(printed[0], FileUtils::appendComponent(destination, FileUtils::fileName(quickPath)));
-  EXPECT_EQ(printed[1], FileUtils::appendComponent(destination, FileUtils::fileName(slowPath)));
+  EXPECT_EQ(normalPath(printed[0]),
+            normalPath(FileUtils::appendComponent(destination, FileUtils::fileName(quickPath))));
+  EXPECT_EQ(normalPath(printed[1]),
+            normalPath(FileUtils::appendComponent(destination, FileUtils::fileName(slowPath))));
 }
 
 TEST_F(CliTest, JsonRecordsHaveABooleanOkMillisecondsACauseAndARealPath) {
@@ -73,7 +76,7 @@ TEST_F(CliTest, NoClobberLeavesAnExistingFileAndFailsThatUrlOnly) {
   ASSERT_TRUE(FileUtils::makeDirectory(destination));
   const auto existing = FileUtils::appendComponent(destination, FileUtils::fileName(path));
   {
-    std::ofstream out(existing, std::ios::binary);
+    std::ofstream out(std::filesystem::u8path(existing), std::ios::binary);
     out << "keep me";
   }
 
@@ -85,7 +88,7 @@ TEST_F(CliTest, NoClobberLeavesAnExistingFileAndFailsThatUrlOnly) {
   EXPECT_NE(refused.errors.find(CloudEnvironment::url(path) + " failed: result -1"),
             std::string::npos)
       << refused.errors;
-  EXPECT_NE(refused.errors.find(existing + " exists (--no-clobber)"), std::string::npos)
+  EXPECT_NE(refused.errors.find(normalPath(existing) + " exists (--no-clobber)"), std::string::npos)
       << refused.errors;
   // The other URL went ahead.
   EXPECT_TRUE(FileUtils::sameContent(

@@ -2,6 +2,7 @@
 
 #include <quill_base/TextUtils.h>
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -31,13 +32,17 @@ quill_test::ChildLaunch toolLaunch(const std::vector<std::string>& arguments,
 ToolProcess::ToolProcess(const std::vector<std::string>& arguments, const Environment& environment)
     : outputFile(
           (std::filesystem::temp_directory_path() / ("quill-cli-out-" + TextUtils::UUID_String()))
-              .string()),
+              .u8string()),
       child(outputToFileErrorsToPipe(toolLaunch(arguments, environment), outputFile)) {}
 
 ToolProcess::~ToolProcess() {
   child.kill();
   std::error_code error;
-  std::filesystem::remove(outputFile, error);
+  std::filesystem::remove(std::filesystem::u8path(outputFile), error);
+}
+
+bool ToolProcess::interrupt() {
+  return child.signal(SIGINT);
 }
 
 bool ToolProcess::waitForError(const std::string& text, std::chrono::milliseconds timeout) {
@@ -50,7 +55,7 @@ int ToolProcess::finish(std::chrono::milliseconds timeout) {
   }
   // Standard error closes when the program ends (no other process holds the pipe).
   const int status = child.finish(child.errors(), timeout);
-  std::ifstream in(outputFile, std::ios::binary);
+  std::ifstream in(std::filesystem::u8path(outputFile), std::ios::binary);
   out.assign(std::istreambuf_iterator<char>(in), {});
   return status;
 }

@@ -34,6 +34,9 @@ public:
 
   bool started() const { return child.started(); }
   pid_t processId() const { return child.id(); }
+  // Asks the program to stop as Ctrl-C does: SIGINT, on Windows a CTRL_BREAK_EVENT to its own
+  // process group. False when it could not be sent.
+  bool interrupt();
 
   // Reads standard error until it holds `text`; false when the timeout passed or the pipe closed.
   bool waitForError(const std::string& text,

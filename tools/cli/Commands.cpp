@@ -1,6 +1,7 @@
 #include "Commands.h"
 
 #include "AvatarListener.h"
+#include "Platform.h"
 #include "PreChecks.h"
 #include "Results.h"
 
@@ -32,8 +33,8 @@ Clock::time_point deadlineAfter(double seconds) {
 
 std::string absolute(const std::string& path) {
   std::error_code error;
-  const auto made = std::filesystem::absolute(path, error);
-  return error ? path : made.lexically_normal().string();
+  const auto made = std::filesystem::absolute(toPath(path), error);
+  return error ? path : fromPath(made.lexically_normal());
 }
 
 // Waits for the transfers, printing each result as it ends; the exit status.

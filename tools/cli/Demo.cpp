@@ -3,6 +3,7 @@
 #include "AvatarListener.h"
 #include "Commands.h"
 #include "DemoFiles.h"
+#include "Platform.h"
 
 #include <quill_base/FileUtils.h>
 #include <quill_base/TextUtils.h>
@@ -32,14 +33,13 @@ public:
   Demo(const CommonOptions& common, const DemoOptions& options)
       : common(common),
         options(options),
-        work((std::filesystem::temp_directory_path() /
-              ("quill-cloud-demo-" + TextUtils::UUID_String()))
-                 .string()) {}
+        work(fromPath(std::filesystem::temp_directory_path() /
+                      ("quill-cloud-demo-" + TextUtils::UUID_String()))) {}
 
   ~Demo() {
     if (!options.keep) {
       std::error_code error;
-      std::filesystem::remove_all(work, error);
+      std::filesystem::remove_all(toPath(work), error);
     }
   }
 
@@ -121,11 +121,11 @@ bool Demo::startService() {
   const auto fileHost = "127.0.0.1:" + port;
   staticHost = "localhost:" + port;
   cdnHost = "127.0.0.1:" + port;
-  setenv("QUILL_FILE_SERVICE_HOST", fileHost.c_str(), 1);
-  setenv("QUILL_PRE_FILE_SERVICE_HOST", fileHost.c_str(), 1);
-  setenv("QUILL_STATIC_HOST", staticHost.c_str(), 1);
-  setenv("QUILL_IMAGE_CDN_HOST", cdnHost.c_str(), 1);
-  setenv("QUILL_CA_BUNDLE", server->caCertificatePath().c_str(), 1);
+  setEnvironmentVariable("QUILL_FILE_SERVICE_HOST", fileHost);
+  setEnvironmentVariable("QUILL_PRE_FILE_SERVICE_HOST", fileHost);
+  setEnvironmentVariable("QUILL_STATIC_HOST", staticHost);
+  setEnvironmentVariable("QUILL_IMAGE_CDN_HOST", cdnHost);
+  setEnvironmentVariable("QUILL_CA_BUNDLE", server->caCertificatePath());
   return true;
 }
 

@@ -5,13 +5,14 @@
 
 #include <cmath>
 #include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <vector>
 
 namespace quill_cli {
 
 bool writePatternFile(const std::string& path, std::size_t size, unsigned seed) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  std::ofstream out(std::filesystem::u8path(path), std::ios::binary | std::ios::trunc);
   std::string block(64 * 1024, '\0');
   std::size_t written = 0;
   while (out && written < size) {
@@ -27,28 +28,84 @@ bool writePatternFile(const std::string& path, std::size_t size, unsigned seed) 
   return static_cast<bool>(out) && written == size;
 }
 
+namespace {
+
+// The picture's pixels, row by row from the top, red, green, blue.
+std::vector<unsigned char> picturePixels(int width, int height) {
+  std::vector<unsigned char> pixels(static_cast<std::size_t>(width) * height * 3);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      const double u = static_cast<double>(x) / width;
+      const double v = static_cast<double>(y) / height;
+      const double ring = 0.5 + 0.5 * std::sin(40.0 * std::hypot(u - 0.5, v - 0.5));
+      auto* pixel = &pixels[(static_cast<std::size_t>(y) * width + x) * 3];
+      pixel[0] = static_cast<unsigned char>(static_cast<int>(255 * u * ring));
+      pixel[1] = static_cast<unsigned char>(static_cast<int>(255 * v));
+      pixel[2] = static_cast<unsigned char>(static_cast<int>(255 * (1 - u) * (0.3 + 0.7 * ring)));
+    }
+  }
+  return pixels;
+}
+
+#if defined(_WIN32)
+void putLittleEndian(std::ofstream& out, std::uint32_t value, int bytes) {
+  for (int i = 0; i < bytes; ++i) {
+    out.put(static_cast<char>((value >> (8 * i)) & 0xFF));
+  }
+}
+#endif
+
+// The simplest picture to write by hand that the image library reads: a binary PPM for libvips, a
+// 24-bit BMP for the Windows Imaging Component (which has no PPM decoder).
+bool writeRawPicture(const std::string& path, int width, int height) {
+  const auto pixels = picturePixels(width, height);
+  std::ofstream out(std::filesystem::u8path(path), std::ios::binary | std::ios::trunc);
+#if defined(_WIN32)
+  const std::uint32_t rowBytes = (static_cast<std::uint32_t>(width) * 3 + 3) & ~3u;
+  const std::uint32_t imageBytes = rowBytes * static_cast<std::uint32_t>(height);
+  out << "BM";
+  putLittleEndian(out, 54 + imageBytes, 4);
+  putLittleEndian(out, 0, 4);
+  putLittleEndian(out, 54, 4);
+  putLittleEndian(out, 40, 4);
+  putLittleEndian(out, static_cast<std::uint32_t>(width), 4);
+  putLittleEndian(out, static_cast<std::uint32_t>(height), 4);
+  putLittleEndian(out, 1, 2);
+  putLittleEndian(out, 24, 2);
+  for (int field = 0; field < 6; ++field) {
+    putLittleEndian(out, 0, 4);
+  }
+  // Bottom row first, blue, green, red, each row padded to four bytes.
+  std::vector<char> row(rowBytes, '\0');
+  for (int y = height - 1; y >= 0; --y) {
+    for (int x = 0; x < width; ++x) {
+      const auto* pixel = &pixels[(static_cast<std::size_t>(y) * width + x) * 3];
+      row[static_cast<std::size_t>(x) * 3] = static_cast<char>(pixel[2]);
+      row[static_cast<std::size_t>(x) * 3 + 1] = static_cast<char>(pixel[1]);
+      row[static_cast<std::size_t>(x) * 3 + 2] = static_cast<char>(pixel[0]);
+    }
+    out.write(row.data(), static_cast<std::streamsize>(row.size()));
+  }
+#else
+  out << "P6\n" << width << " " << height << "\n255\n";
+  out.write(reinterpret_cast<const char*>(pixels.data()),
+            static_cast<std::streamsize>(pixels.size()));
+#endif
+  out.close();
+  return static_cast<bool>(out);
+}
+
+}  // namespace
+
 bool writeJpegPicture(const std::string& path, int width, int height) {
-  // A binary PPM is the simplest picture to write by hand; the image library turns it into a JPEG.
+#if defined(_WIN32)
+  const std::string raw = path + ".bmp";
+#else
   const std::string raw = path + ".ppm";
-  {
-    std::ofstream out(raw, std::ios::binary | std::ios::trunc);
-    out << "P6\n" << width << " " << height << "\n255\n";
-    std::vector<char> row(static_cast<std::size_t>(width) * 3);
-    for (int y = 0; y < height; ++y) {
-      for (int x = 0; x < width; ++x) {
-        const double u = static_cast<double>(x) / width;
-        const double v = static_cast<double>(y) / height;
-        const double ring = 0.5 + 0.5 * std::sin(40.0 * std::hypot(u - 0.5, v - 0.5));
-        auto* pixel = &row[static_cast<std::size_t>(x) * 3];
-        pixel[0] = static_cast<char>(static_cast<int>(255 * u * ring));
-        pixel[1] = static_cast<char>(static_cast<int>(255 * v));
-        pixel[2] = static_cast<char>(static_cast<int>(255 * (1 - u) * (0.3 + 0.7 * ring)));
-      }
-      out.write(row.data(), static_cast<std::streamsize>(row.size()));
-    }
-    if (!out) {
-      return false;
-    }
+#endif
+  if (!writeRawPicture(raw, width, height)) {
+    FileUtils::removeFile(raw);
+    return false;
   }
   const bool ok = ImageUtils::scaleImage(std::max(width, height), raw, path);
   FileUtils::removeFile(raw);
@@ -56,7 +113,7 @@ bool writeJpegPicture(const std::string& path, int width, int height) {
 }
 
 bool jpegSize(const std::string& path, int& width, int& height) {
-  std::ifstream in(path, std::ios::binary);
+  std::ifstream in(std::filesystem::u8path(path), std::ios::binary);
   const std::string data((std::istreambuf_iterator<char>(in)), {});
   const auto byte = [&data](std::size_t i) { return static_cast<unsigned char>(data[i]); };
   if (data.size() < 4 || byte(0) != 0xFF || byte(1) != 0xD8) {

@@ -1,9 +1,8 @@
 #include "Display.h"
 
-#include <quill_cloud/CloudStorageCodes.h>
+#include "Platform.h"
 
-#include <sys/ioctl.h>
-#include <unistd.h>
+#include <quill_cloud/CloudStorageCodes.h>
 
 #include <algorithm>
 #include <cmath>
@@ -20,22 +19,14 @@ namespace {
 constexpr int kDownloadsAtOnce = 4;
 constexpr int kUploadsAtOnce = 2;
 
-winsize terminalSize() {
-  winsize size{};
-  if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0) {
-    size = winsize{};
-  }
-  return size;
-}
-
 int terminalWidth() {
-  const auto size = terminalSize();
-  return size.ws_col > 20 ? size.ws_col : 80;
+  const auto size = errorTerminalSize();
+  return size.columns > 20 ? size.columns : 80;
 }
 
 int terminalRows() {
-  const auto size = terminalSize();
-  return size.ws_row > 0 ? size.ws_row : 24;
+  const auto size = errorTerminalSize();
+  return size.rows > 0 ? size.rows : 24;
 }
 
 std::string fit(const std::string& text, std::size_t width) {
@@ -133,9 +124,7 @@ Display::Mode Display::chooseMode(bool quiet) {
   if (quiet) {
     return Mode::Silent;
   }
-  return isatty(STDERR_FILENO) != 0 && terminalUnderstandsEscapes(std::getenv("TERM"))
-             ? Mode::Bars
-             : Mode::Lines;
+  return errorTerminalTakesEscapes() ? Mode::Bars : Mode::Lines;
 }
 
 Display::Display(Mode mode) : displayMode(mode) {}

@@ -31,8 +31,8 @@ class Display {
 public:
   enum class Mode { Bars, Lines, Silent };
 
-  // Bars when standard error is a terminal and TERM is set and not "dumb"; else lines; silent when
-  // `quiet`.
+  // Bars when standard error is a terminal that takes cursor control (POSIX: TERM set and not
+  // "dumb"; Windows: a console with escape-sequence processing); else lines; silent when `quiet`.
   static Mode chooseMode(bool quiet);
 
   // Told of each transfer once it has ended, with the live block erased, so that it may print.

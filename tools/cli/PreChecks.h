@@ -14,9 +14,10 @@ bool checkUrl(const std::string& url, std::string& error);
 // made in it.
 bool prepareDirectory(const std::string& directory, std::string& error);
 
-// A file name the download can be saved as inside `directory` (which exists): not empty, no '/',
-// not "." or "..", no longer than the file system allows there (NAME_MAX), and not the name of a
-// directory already there.
+// A file name the download can be saved as inside `directory` (which exists): not empty, no '/'
+// (on Windows no '\' or ':' either), not "." or "..", no longer than the file system allows there
+// (NAME_MAX; on Windows the volume's longest component), and not the name of a directory already
+// there.
 bool checkFileName(const std::string& directory, const std::string& name, std::string& error);
 
 }  // namespace quill_cli

@@ -1,14 +1,11 @@
 #include "Session.h"
 
+#include "Platform.h"
 #include "UserDirs.h"
 
 #include <quill_base/FileUtils.h>
 #include <quill_base/Logger.h>
 #include <quill_base/TextUtils.h>
-
-#include <pthread.h>
-#include <signal.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -18,34 +15,17 @@
 namespace quill_cli {
 namespace {
 
-sigset_t stopSignals() {
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGTERM);
-  return set;
-}
-
 // How long to go on waiting for cancelled requests to end before giving up on them.
 constexpr auto kCancelGrace = std::chrono::seconds(30);
-constexpr long kTickNanoseconds = 50L * 1000 * 1000;
+constexpr std::chrono::milliseconds kTick(50);
 
 std::string absolutePath(const std::string& path) {
   std::error_code error;
-  const auto absolute = std::filesystem::absolute(path, error);
-  return error ? path : absolute.lexically_normal().string();
+  const auto absolute = std::filesystem::absolute(toPath(path), error);
+  return error ? path : fromPath(absolute.lexically_normal());
 }
 
 }  // namespace
-
-bool blockStopSignals() {
-  const sigset_t set = stopSignals();
-  struct sigaction ignore {};
-  ignore.sa_handler = SIG_IGN;
-  sigemptyset(&ignore.sa_mask);
-  return pthread_sigmask(SIG_BLOCK, &set, nullptr) == 0 &&
-         sigaction(SIGPIPE, &ignore, nullptr) == 0;
-}
 
 std::string kindName(int kind) {
   switch (kind) {
@@ -295,7 +275,6 @@ void Session::cancelEverything(const TransferList& transfers, bool timedOut) {
 bool Session::wait(const TransferList& transfers, Display& display,
                    const Display::Announce& announce, Clock::time_point deadline) {
   display.follow(transfers);
-  const sigset_t signals = stopSignals();
   auto giveUp = Clock::time_point::max();
   bool cancelled = false;
   bool interrupted = false;
@@ -332,9 +311,7 @@ bool Session::wait(const TransferList& transfers, Display& display,
       cancelEverything(transfers, true);
     }
 
-    const timespec tick{0, kTickNanoseconds};
-    const int signal = sigtimedwait(&signals, nullptr, &tick);
-    if ((signal == SIGINT || signal == SIGTERM) && !interrupted) {
+    if (waitForStopRequest(kTick) && !interrupted) {
       interrupted = true;
       wasInterrupted = true;
       if (!cancelled) {

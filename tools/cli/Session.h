@@ -38,11 +38,6 @@ struct CommonOptions {
 constexpr long kLogFileBytes = 5L * 1024 * 1024;
 constexpr int kLogBackups = 3;
 
-// SIGINT and SIGTERM are blocked in every thread (threads started later inherit the mask) and only
-// ever taken by Session::wait, so a Ctrl-C is handled on the main thread, between two redraws.
-// Call first thing in main, before any thread exists. SIGPIPE is ignored.
-bool blockStopSignals();
-
 // The library as the tool uses it: one CloudStorageService, set up for the user, and the
 // transfers handed to it.
 class Session {
@@ -72,9 +67,9 @@ public:
   std::shared_ptr<Transfer> upload(const std::string& path, int kind);
 
   // Waits until every transfer has ended, drawing progress and telling `announce` of each end as it
-  // happens. On SIGINT or SIGTERM, or at `deadline` (the transfers still running are then marked
-  // timed out), cancels everything (cancelAllReqest) and goes on waiting until every request has
-  // ended. True unless interrupted by a signal.
+  // happens. On a stop request (Ctrl-C, SIGTERM: see Platform.h), or at `deadline` (the transfers
+  // still running are then marked timed out), cancels everything (cancelAllReqest) and goes on
+  // waiting until every request has ended. True unless interrupted by a stop request.
   bool wait(const TransferList& transfers, Display& display,
             const Display::Announce& announce = nullptr,
             Clock::time_point deadline = Clock::time_point::max());

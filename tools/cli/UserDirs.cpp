@@ -1,5 +1,17 @@
 #include "UserDirs.h"
 
+#include "Platform.h"
+
+#if defined(_WIN32)
+#include <windows.h>
+// After windows.h, which they need.
+#include <knownfolders.h>
+#include <shlobj.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+#else
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,6 +21,93 @@
 #include <cstring>
 #include <filesystem>
 #include <vector>
+#endif
+
+#if defined(_WIN32)
+
+namespace quill_cli {
+namespace {
+
+constexpr const char* kToolDirectory = "quill-cloud";
+constexpr const char* kLogName = "quill-cloud.log";
+
+// A variable of the environment as UTF-8, read through the wide API; empty when unset.
+std::string environmentPath(const wchar_t* name) {
+  const wchar_t* value = _wgetenv(name);
+  return value == nullptr ? std::string() : fromPath(std::filesystem::path(value));
+}
+
+bool isAbsolute(const std::string& path) {
+  return !path.empty() && toPath(path).is_absolute();
+}
+
+std::string knownFolder(REFKNOWNFOLDERID folder) {
+  PWSTR wide = nullptr;
+  std::string path;
+  if (SUCCEEDED(SHGetKnownFolderPath(folder, KF_FLAG_DEFAULT, nullptr, &wide))) {
+    path = fromPath(std::filesystem::path(wide));
+  }
+  CoTaskMemFree(wide);
+  return path;
+}
+
+// %LOCALAPPDATA% when it is set and absolute, else the known folder, else below the profile.
+std::string localApplicationData(std::string& error) {
+  if (auto variable = environmentPath(L"LOCALAPPDATA"); isAbsolute(variable)) {
+    return variable;
+  }
+  if (auto folder = knownFolder(FOLDERID_LocalAppData); isAbsolute(folder)) {
+    return folder;
+  }
+  std::string profile = homeDirectory(error);
+  if (profile.empty()) {
+    return std::string();
+  }
+  return fromPath(toPath(profile) / "AppData" / "Local");
+}
+
+}  // namespace
+
+std::string homeDirectory(std::string& error) {
+  if (auto profile = environmentPath(L"USERPROFILE"); isAbsolute(profile)) {
+    return profile;
+  }
+  if (auto folder = knownFolder(FOLDERID_Profile); isAbsolute(folder)) {
+    return folder;
+  }
+  error = "neither LOCALAPPDATA nor USERPROFILE is set and the system names no profile folder";
+  return std::string();
+}
+
+bool resolveUserPaths(const std::string& cacheOverride, UserPaths& paths, std::string& error) {
+  const auto base = localApplicationData(error);
+  if (base.empty()) {
+    return false;
+  }
+  const auto tool = toPath(base) / kToolDirectory;
+  paths.cacheDirectory = cacheOverride.empty() ? fromPath(tool / "cache") : cacheOverride;
+  paths.logFile = fromPath(tool / "log" / kLogName);
+  return true;
+}
+
+bool makePrivateDirectories(const std::string& path, std::string& error) {
+  // The folders below the user's profile are the user's alone already: new directories inherit
+  // that access-control list.
+  const auto target = toPath(path).lexically_normal();
+  std::error_code made;
+  std::filesystem::create_directories(target, made);
+  std::error_code looked;
+  if (!std::filesystem::is_directory(target, looked)) {
+    error = made ? "cannot make " + fromPath(target) + ": " + made.message()
+                 : fromPath(target) + " is not a directory";
+    return false;
+  }
+  return true;
+}
+
+}  // namespace quill_cli
+
+#else
 
 namespace quill_cli {
 namespace {
@@ -111,3 +210,5 @@ bool makePrivateDirectories(const std::string& path, std::string& error) {
 }
 
 }  // namespace quill_cli
+
+#endif

@@ -2,12 +2,15 @@
 // classes as any host would use them, and the demo that runs the whole mission against a local
 // reference file service.
 #include "Commands.h"
+#include "Platform.h"
 #include "UserDirs.h"
 
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
 #include <cstdlib>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -16,17 +19,32 @@ std::string environment(const char* name) {
   return value == nullptr ? std::string() : std::string(value);
 }
 
-const char* const kDescription =
-    "quill-cloud: moves files to and from the file service with the quill_cloud library.\n"
-    "\n"
-    "Identity: --app-id, --aid, --pin or QUILL_APP_ID, QUILL_AID, QUILL_PIN (uploads need all\n"
-    "three). Endpoints: QUILL_FILE_SERVICE_HOST, QUILL_STATIC_HOST, QUILL_IMAGE_CDN_HOST,\n"
-    "QUILL_PRE_FILE_SERVICE_HOST (host or host:port), QUILL_CA_BUNDLE (trusted CAs, PEM).\n"
+#if defined(_WIN32)
+const char* const kFiles =
+    "Files: the library's cache in %LOCALAPPDATA%\\quill-cloud\\cache (--user-dir replaces\n"
+    "it); its log in %LOCALAPPDATA%\\quill-cloud\\log\\quill-cloud.log, rolled over at 5 MiB,\n"
+    "3 older files kept; --verbose sends the log to standard error. `quill-cloud paths` prints\n"
+    "both.\n";
+const char* const kSetHome = "set LOCALAPPDATA";
+const char* const kUserDirDefault = "%LOCALAPPDATA%\\quill-cloud\\cache";
+#else
+const char* const kFiles =
     "Files: the library's cache in $XDG_CACHE_HOME/quill-cloud (default ~/.cache/quill-cloud;\n"
     "--user-dir replaces it); its log in $XDG_STATE_HOME/quill-cloud/quill-cloud.log (default\n"
     "~/.local/state/quill-cloud), rolled over at 5 MiB, 3 older files kept; --verbose sends the\n"
     "log to standard error. Relative XDG values are ignored; without HOME the home directory\n"
-    "comes from the password database. `quill-cloud paths` prints both.\n"
+    "comes from the password database. `quill-cloud paths` prints both.\n";
+const char* const kSetHome = "set HOME, or XDG_CACHE_HOME and XDG_STATE_HOME";
+const char* const kUserDirDefault = "$XDG_CACHE_HOME/quill-cloud, else ~/.cache/quill-cloud";
+#endif
+
+const char* const kIdentity =
+    "quill-cloud: moves files to and from the file service with the quill_cloud library.\n"
+    "\n"
+    "Identity: --app-id, --aid, --pin or QUILL_APP_ID, QUILL_AID, QUILL_PIN (uploads need all\n"
+    "three). Endpoints: QUILL_FILE_SERVICE_HOST, QUILL_STATIC_HOST, QUILL_IMAGE_CDN_HOST,\n"
+    "QUILL_PRE_FILE_SERVICE_HOST (host or host:port), QUILL_CA_BUNDLE (trusted CAs, PEM).\n";
+const char* const kExitStatus =
     "\n"
     "Exit status: 0 all succeeded, 1 a transfer failed or timed out, 2 usage error, 130\n"
     "interrupted.";
@@ -45,7 +63,7 @@ int main(int argc, char** argv) {
   common.aid = environment("QUILL_AID");
   common.pin = environment("QUILL_PIN");
 
-  CLI::App app{kDescription, "quill-cloud"};
+  CLI::App app{std::string(kIdentity) + kFiles + kExitStatus, "quill-cloud"};
   app.require_subcommand(1);
   app.fallthrough();
   app.set_version_flag("--version", std::string("quill-cloud ") + QUILL_VERSION);
@@ -53,8 +71,9 @@ int main(int argc, char** argv) {
   app.add_option("--aid", common.aid, "Account id (QUILL_AID)");
   app.add_option("--pin", common.pin, "User pin (QUILL_PIN)");
   app.add_option("--user-dir", common.userDirectory,
-                 "The library's user directory (its cache, the default avatar root); default "
-                 "$XDG_CACHE_HOME/quill-cloud, else ~/.cache/quill-cloud");
+                 std::string("The library's user directory (its cache, the default avatar root); "
+                             "default ") +
+                     kUserDirDefault);
   app.add_flag("--json", common.json,
                "One JSON object per request on standard output as it ends: operation, kind, "
                "source, code, ok (boolean), message, cause, url, path (when that file exists), "
@@ -133,8 +152,13 @@ int main(int argc, char** argv) {
   auto* pathsCommand = app.add_subcommand(
       "paths", "Print the user directory (the library's cache) and the log file, then exit");
 
+  auto arguments = quill_cli::commandLineArguments(argc, argv);
+  std::vector<char*> pointers;
+  for (auto& argument : arguments) {
+    pointers.push_back(argument.data());
+  }
   try {
-    app.parse(argc, argv);
+    app.parse(static_cast<int>(pointers.size()), pointers.data());
   } catch (const CLI::ParseError& error) {
     const int status = app.exit(error);
     return status == 0 ? quill_cli::kExitOk : quill_cli::kExitUsage;
@@ -143,8 +167,7 @@ int main(int argc, char** argv) {
   quill_cli::UserPaths paths;
   std::string error;
   if (!quill_cli::resolveUserPaths(common.userDirectory, paths, error)) {
-    std::fprintf(stderr, "quill-cloud: %s; set HOME, or XDG_CACHE_HOME and XDG_STATE_HOME\n",
-                 error.c_str());
+    std::fprintf(stderr, "quill-cloud: %s; %s\n", error.c_str(), kSetHome);
     return quill_cli::kExitUsage;
   }
   common.userDirectory = paths.cacheDirectory;
