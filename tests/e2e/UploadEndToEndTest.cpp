@@ -11,6 +11,12 @@
 
 #include <fstream>
 
+#if defined(_WIN32)
+#include <windows.h>
+// After windows.h, which it needs.
+#include <psapi.h>
+#endif
+
 using quill_test::CloudEnvironment;
 using quill_test::LogCapture;
 using quill_test::readFile;
@@ -21,6 +27,13 @@ using quill_test::writePattern;
 namespace {
 
 std::size_t peakResidentKiB() {
+#if defined(_WIN32)
+  PROCESS_MEMORY_COUNTERS counters{};
+  counters.cb = sizeof counters;
+  return K32GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof counters)
+             ? static_cast<std::size_t>(counters.PeakWorkingSetSize / 1024)
+             : 0;
+#else
   std::ifstream status("/proc/self/status");
   std::string line;
   while (std::getline(status, line)) {
@@ -29,6 +42,7 @@ std::size_t peakResidentKiB() {
     }
   }
   return 0;
+#endif
 }
 
 struct UploadEndToEnd : ::testing::Test {

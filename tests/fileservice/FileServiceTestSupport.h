@@ -9,20 +9,29 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <httplib.h>
+#include "detail/HttpLib.h"
 
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <random>
+#include <regex>
 #include <sstream>
 #include <string>
 
 namespace fileservice_test {
 
-// A version 4 UUID, as a (POSIX extended) regular expression for ::testing::MatchesRegex.
+// A version 4 UUID, as a regular expression for MatchesPattern.
 inline const char* const kUuidPattern =
     "[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}";
+
+// The whole string matches the (ECMAScript) regular expression. GoogleTest's own MatchesRegex
+// takes POSIX expressions on Linux but only a small subset of them on Windows.
+MATCHER_P(MatchesPattern, pattern,
+          std::string(negation ? "does not match " : "matches ") + std::string(pattern)) {
+  return std::regex_match(std::string(arg), std::regex(std::string(pattern)));
+}
 
 // Random bytes, different for each seed.
 inline std::string randomBytes(std::size_t size, unsigned seed = 1) {
@@ -49,12 +58,13 @@ inline ::testing::AssertionResult sameBytes(const std::string& actual,
 }
 
 inline void writeFile(const std::string& path, const std::string& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  // Paths are UTF-8: u8path keeps them so on Windows.
+  std::ofstream out(std::filesystem::u8path(path), std::ios::binary | std::ios::trunc);
   out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
 inline std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
+  std::ifstream in(std::filesystem::u8path(path), std::ios::binary);
   std::ostringstream text;
   text << in.rdbuf();
   return text.str();

@@ -13,6 +13,12 @@
 #include <thread>
 #include <vector>
 
+#if defined(_WIN32)
+#include <windows.h>
+// After windows.h, which it needs.
+#include <psapi.h>
+#endif
+
 using namespace fileservice_test;
 using Clock = std::chrono::steady_clock;
 
@@ -26,8 +32,15 @@ constexpr std::size_t kBigFileSize = 256u * 1024 * 1024;
 constexpr std::size_t kTransferSize = 64 * 1024;
 #endif
 
-// Peak resident memory of this process so far, in bytes.
+// Peak resident memory of this process so far (on Windows the peak working set), in bytes.
 std::size_t peakResidentBytes() {
+#if defined(_WIN32)
+  PROCESS_MEMORY_COUNTERS counters{};
+  counters.cb = sizeof counters;
+  return K32GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof counters)
+             ? static_cast<std::size_t>(counters.PeakWorkingSetSize)
+             : 0;
+#else
   std::ifstream status("/proc/self/status");
   std::string line;
   while (std::getline(status, line)) {
@@ -36,6 +49,7 @@ std::size_t peakResidentBytes() {
     }
   }
   return 0;
+#endif
 }
 
 // Writes `size` pseudo-random bytes, a chunk at a time.

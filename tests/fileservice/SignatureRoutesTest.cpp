@@ -3,7 +3,6 @@
 #include "FileServiceTestSupport.h"
 
 using namespace fileservice_test;
-using ::testing::MatchesRegex;
 
 namespace {
 
@@ -36,8 +35,8 @@ TEST_P(SignatureRoutes, AFileSignatureGrantsAPutThatStoresTheBodyUnderThePath) {
   EXPECT_EQ(reply["path"].asString(), "//" + host() + "/objects/0f4c.bin");
   const std::string uploadPath = reply["uploadPath"].asString();
   EXPECT_THAT(uploadPath,
-              MatchesRegex(scheme() + "://" + hostPattern() +
-                           "/objects/0f4c\\.bin\\?expires=[0-9]+&signature=[0-9a-f]{64}"));
+              MatchesPattern(scheme() + "://" + hostPattern() +
+                             "/objects/0f4c\\.bin\\?expires=[0-9]+&signature=[0-9a-f]{64}"));
 
   const std::string bytes = randomBytes(512 * 1024, 3);
   auto client = clientFor(*service);
@@ -108,8 +107,9 @@ TEST_P(SignatureRoutes, AVideoSignatureGrantsAMultipartUploadServedUnderThePayUr
   const Json::Value reply = parseJson(signature->body);
   const std::string uploadUrl = reply["uploadUrl"].asString();
   const std::string payUrl = reply["payUrl"].asString();
-  EXPECT_THAT(uploadUrl, MatchesRegex(scheme() + "://" + hostPattern() + "/vod/upload\\?token=.+"));
-  ASSERT_THAT(payUrl, MatchesRegex("//" + hostPattern() + "/vod/" + kUuidPattern + "\\.mp4"));
+  EXPECT_THAT(uploadUrl,
+              MatchesPattern(scheme() + "://" + hostPattern() + "/vod/upload\\?token=.+"));
+  ASSERT_THAT(payUrl, MatchesPattern("//" + hostPattern() + "/vod/" + kUuidPattern + "\\.mp4"));
   // The token names the video's id.
   const std::string id = payUrl.substr(payUrl.rfind('/') + 1, 36);
   EXPECT_NE(uploadUrl.find("token=" + id + "."), std::string::npos) << uploadUrl;

@@ -5,7 +5,6 @@
 #include <filesystem>
 
 using namespace fileservice_test;
-using ::testing::MatchesRegex;
 
 namespace {
 
@@ -36,7 +35,7 @@ TEST_P(UploadRoutes, UploadImgStoresTheFileUnderAFreshKeyWithItsExtension) {
   const Json::Value reply = parseJson(result->body);
   EXPECT_EQ(reply["code"].asInt(), 0);
   const std::string path = reply["path"].asString();
-  EXPECT_THAT(path, MatchesRegex("//" + hostPattern() + "/files/" + kUuidPattern + "\\.jpg"));
+  EXPECT_THAT(path, MatchesPattern("//" + hostPattern() + "/files/" + kUuidPattern + "\\.jpg"));
 
   const std::string stored = service->storedFile(pathOf(path));
   ASSERT_FALSE(stored.empty());
@@ -64,7 +63,7 @@ TEST_P(UploadRoutes, AFileNameWithoutExtensionGivesABareKey) {
   const auto result = upload("/file/uploadImg.action", form);
   ASSERT_TRUE(result);
   const std::string path = parseJson(result->body)["path"].asString();
-  EXPECT_THAT(path, MatchesRegex("//" + hostPattern() + "/files/" + kUuidPattern));
+  EXPECT_THAT(path, MatchesPattern("//" + hostPattern() + "/files/" + kUuidPattern));
   EXPECT_EQ(readFile(service->storedFile(pathOf(path))), "plain");
 }
 
@@ -125,7 +124,7 @@ TEST_P(UploadRoutes, UploadBySignatureAlsoTakesADirectMultipartUpload) {
   const Json::Value reply = parseJson(result->body);
   EXPECT_EQ(reply["code"].asInt(), 0);
   const std::string path = reply["path"].asString();
-  EXPECT_THAT(path, MatchesRegex("//" + hostPattern() + "/files/" + kUuidPattern + "\\.mp4"));
+  EXPECT_THAT(path, MatchesPattern("//" + hostPattern() + "/files/" + kUuidPattern + "\\.mp4"));
   EXPECT_TRUE(sameBytes(readFile(service->storedFile(pathOf(path))), bytes));
 }
 

@@ -1,20 +1,14 @@
 #include "FaultProxy.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <deque>
 #include <memory>
 #include <vector>
 
 namespace quill_test {
+
+using namespace proxy_sockets;
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -24,36 +18,6 @@ constexpr std::size_t kChunkBytes = 16 * 1024;
 // Bytes a direction may hold before the proxy stops reading from its source (the "window").
 constexpr std::size_t kQueueLimit = 1024 * 1024;
 
-void setNonBlocking(int fd) {
-  const int flags = fcntl(fd, F_GETFL, 0);
-  fcntl(fd, F_SETFL, flags | O_NONBLOCK);
-}
-
-void setNoDelay(int fd) {
-  const int one = 1;
-  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-}
-
-// Closing with a zero linger time discards what is unsent and sends RST instead of FIN.
-void resetAndClose(int fd) {
-  if (fd < 0) {
-    return;
-  }
-  linger hard{};
-  hard.l_onoff = 1;
-  hard.l_linger = 0;
-  setsockopt(fd, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
-  close(fd);
-}
-
-sockaddr_in loopback(int port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<std::uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
-
 }  // namespace
 
 struct FaultProxy::Direction {
@@ -62,8 +26,8 @@ struct FaultProxy::Direction {
     std::string data;
     std::size_t sent = 0;
   };
-  int from = -1;
-  int to = -1;
+  Socket from = kNoSocket;
+  Socket to = kNoSocket;
   std::deque<Chunk> queue;
   std::size_t queued = 0;
   Clock::time_point lastDue{};
@@ -74,8 +38,8 @@ struct FaultProxy::Direction {
 };
 
 struct FaultProxy::Connection {
-  int client = -1;
-  int server = -1;
+  Socket client = kNoSocket;
+  Socket server = kNoSocket;
   Plan plan;
   std::int64_t moved = 0;
   std::int64_t resetAt = -1;
@@ -85,8 +49,8 @@ struct FaultProxy::Connection {
   Direction down;  // server to client
 
   void closeGracefully() {
-    close(client);
-    close(server);
+    closeSocket(client);
+    closeSocket(server);
     dead = true;
   }
   void reset() {
@@ -104,38 +68,23 @@ FaultProxy::~FaultProxy() {
     wake();
     loop.join();
   }
-  if (listener >= 0) {
-    close(listener);
-  }
-  if (wakeRead >= 0) {
-    close(wakeRead);
-    close(wakeWrite);
+  if (listener != kNoSocket) {
+    closeSocket(listener);
   }
 }
 
 bool FaultProxy::start() {
-  int pipeEnds[2];
-  if (pipe2(pipeEnds, O_CLOEXEC | O_NONBLOCK) != 0) {
+  if (!ready() || !wakeChannel.open()) {
     return false;
   }
-  wakeRead = pipeEnds[0];
-  wakeWrite = pipeEnds[1];
-  listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (listener < 0) {
+  listener = makeStreamSocket(true);
+  if (listener == kNoSocket) {
     return false;
   }
-  const int one = 1;
-  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  auto address = loopback(0);
-  if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      listen(listener, 64) != 0) {
+  listenPort = listenOnLoopback(listener, 0, 64);
+  if (listenPort <= 0) {
     return false;
   }
-  socklen_t length = sizeof address;
-  if (getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    return false;
-  }
-  listenPort = ntohs(address.sin_port);
   loop = std::thread([this] { run(); });
   return true;
 }
@@ -160,8 +109,7 @@ FaultProxy::Stats FaultProxy::stats() const {
 }
 
 void FaultProxy::wake() {
-  const char byte = 1;
-  [[maybe_unused]] const auto written = write(wakeWrite, &byte, 1);
+  wakeChannel.wake();
 }
 
 void FaultProxy::run() {
@@ -174,16 +122,19 @@ void FaultProxy::run() {
     seenGeneration = generation;
   }
   std::vector<char> buffer(kChunkBytes);
-  std::vector<pollfd> fds;
+  std::vector<PollEntry> fds;
+  // Where live[i]'s client and server sockets are in fds, or -1 when left out of the poll.
+  std::vector<std::pair<long, long>> slots;
+  const auto eventsAt = [&fds](long slot) -> short { return slot < 0 ? 0 : fds[slot].revents; };
 
   // Forwards what is due in one direction; false when the destination failed.
   const auto flush = [this](Direction& direction, Clock::time_point now) {
     while (direction.frontDue(now)) {
       auto& chunk = direction.queue.front();
-      const auto sent = send(direction.to, chunk.data.data() + chunk.sent,
-                             chunk.data.size() - chunk.sent, MSG_NOSIGNAL);
+      const auto sent =
+          sendSome(direction.to, chunk.data.data() + chunk.sent, chunk.data.size() - chunk.sent);
       if (sent < 0) {
-        return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+        return lastCallWouldBlock();
       }
       chunk.sent += static_cast<std::size_t>(sent);
       direction.queued -= static_cast<std::size_t>(sent);
@@ -193,7 +144,7 @@ void FaultProxy::run() {
       }
     }
     if (direction.readClosed && direction.queue.empty() && !direction.writeShut) {
-      shutdown(direction.to, SHUT_WR);
+      shutDownWriting(direction.to);
       direction.writeShut = true;
     }
     return true;
@@ -201,13 +152,13 @@ void FaultProxy::run() {
 
   // Reads one chunk from a direction's source and queues it under the plan.
   const auto receive = [&](Connection& connection, Direction& direction) {
-    const auto got = recv(direction.from, buffer.data(), buffer.size(), 0);
+    const auto got = receiveSome(direction.from, buffer.data(), buffer.size());
     if (got == 0) {
       direction.readClosed = true;
       return;
     }
     if (got < 0) {
-      if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
+      if (!lastCallWouldBlock()) {
         connection.reset();  // the source was reset: pass it on
       }
       return;
@@ -252,13 +203,14 @@ void FaultProxy::run() {
     const auto now = Clock::now();
     auto nextDue = Clock::time_point::max();
     fds.clear();
-    fds.push_back({wakeRead, POLLIN, 0});
+    slots.clear();
+    fds.push_back({wakeChannel.pollable(), POLLIN, 0});
     fds.push_back({listener, POLLIN, 0});
     for (auto& connection : live) {
       short clientEvents = 0;
       short serverEvents = 0;
       if (connection->frozen) {
-        clientEvents = serverEvents = POLLRDHUP;
+        clientEvents = serverEvents = kPeerClosed;
       } else {
         for (Direction* direction : {&connection->up, &connection->down}) {
           const bool fromClient = direction == &connection->up;
@@ -275,8 +227,16 @@ void FaultProxy::run() {
       // A side that is done both ways would only report POLLHUP over and over: leave it out.
       const bool clientDone = connection->up.readClosed && connection->down.writeShut;
       const bool serverDone = connection->down.readClosed && connection->up.writeShut;
-      fds.push_back({clientDone ? -1 : connection->client, clientEvents, 0});
-      fds.push_back({serverDone ? -1 : connection->server, serverEvents, 0});
+      const auto add = [&fds](bool done, Socket socket, short events) -> long {
+        if (done) {
+          return -1;
+        }
+        fds.push_back({socket, events, 0});
+        return static_cast<long>(fds.size() - 1);
+      };
+      const long clientSlot = add(clientDone, connection->client, clientEvents);
+      const long serverSlot = add(serverDone, connection->server, serverEvents);
+      slots.emplace_back(clientSlot, serverSlot);
     }
     int timeout = 1000;
     if (nextDue != Clock::time_point::max()) {
@@ -284,16 +244,14 @@ void FaultProxy::run() {
           std::chrono::duration_cast<std::chrono::microseconds>(nextDue - now).count();
       timeout = static_cast<int>(std::clamp<long long>((wait + 999) / 1000, 0, 1000));
     }
-    if (poll(fds.data(), fds.size(), timeout) < 0 && errno != EINTR) {
+    if (pollSockets(fds.data(), fds.size(), timeout) < 0) {
       break;
     }
 
     if (fds[0].revents != 0) {
-      char drain[64];
-      while (read(wakeRead, drain, sizeof drain) > 0) {
-      }
+      wakeChannel.drain();
     }
-    // fds[2 + 2i] and fds[3 + 2i] belong to live[i]; connections accepted below come after.
+    // slots[i] places live[i] in fds; connections accepted below come after.
     const std::size_t polled = live.size();
     // The plan is checked and new connections accepted under the lock: a connection made after
     // setPlan returned is never accepted under the previous plan, nor closed as one of its own.
@@ -307,16 +265,14 @@ void FaultProxy::run() {
     }
     if (fds[1].revents & POLLIN) {
       for (int accepted = 0; accepted < 64; ++accepted) {
-        const int client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        if (client < 0) {
+        const Socket client = acceptNonBlocking(listener);
+        if (client == kNoSocket) {
           break;
         }
-        const int server = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        auto target = loopback(targetPort);
-        if (server < 0 ||
-            connect(server, reinterpret_cast<sockaddr*>(&target), sizeof target) != 0) {
-          if (server >= 0) {
-            close(server);
+        const Socket server = makeStreamSocket(false);
+        if (server == kNoSocket || !connectToLoopback(server, targetPort)) {
+          if (server != kNoSocket) {
+            closeSocket(server);
           }
           resetAndClose(client);
           continue;
@@ -352,10 +308,10 @@ void FaultProxy::run() {
       if (connection.dead) {
         continue;
       }
-      const auto clientEvents = fds[2 + 2 * i].revents;
-      const auto serverEvents = fds[3 + 2 * i].revents;
+      const auto clientEvents = eventsAt(slots[i].first);
+      const auto serverEvents = eventsAt(slots[i].second);
       if (connection.frozen) {
-        if ((clientEvents | serverEvents) & (POLLRDHUP | POLLHUP | POLLERR)) {
+        if ((clientEvents | serverEvents) & (kPeerClosed | POLLHUP | POLLERR)) {
           connection.reset();
         }
         continue;

@@ -3,7 +3,9 @@
 // A TCP proxy on 127.0.0.1 that makes the network between the library and a server worse: it adds
 // latency, holds back some chunks for a while as a lost and retransmitted segment would, resets
 // connections after a random number of bytes, or stops forwarding altogether. It forwards bytes as
-// they are (TLS passes through untouched), on plain POSIX sockets driven by one poll loop.
+// they are (TLS passes through untouched), on non-blocking sockets driven by one poll loop.
+
+#include "ProxySockets.h"
 
 #include <atomic>
 #include <chrono>
@@ -71,9 +73,8 @@ private:
 
   const int targetPort;
   int listenPort = 0;
-  int listener = -1;
-  int wakeRead = -1;
-  int wakeWrite = -1;
+  proxy_sockets::Socket listener = proxy_sockets::kNoSocket;
+  proxy_sockets::WakeChannel wakeChannel;
   std::thread loop;
   std::atomic<bool> stopping{false};
 

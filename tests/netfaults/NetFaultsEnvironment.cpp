@@ -1,4 +1,5 @@
 #include "NetFaultsEnvironment.h"
+#include "Environment.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -50,7 +51,7 @@ void NetFaultsEnvironment::SetUp() {
   inFront = std::make_unique<FaultProxy>(service().port(), seed);
   ASSERT_TRUE(inFront->start());
 
-  setenv("QUILL_CA_BUNDLE", madeForTheRun->trustedCaFile().c_str(), 1);
+  quill_test::setEnvironment("QUILL_CA_BUNDLE", madeForTheRun->trustedCaFile().c_str());
   pointHostsAt(proxyHost());
 }
 

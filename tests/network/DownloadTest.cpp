@@ -98,31 +98,6 @@ TEST_P(Download, NeverWritesThroughALinkAtThePath) {
       << "the link itself is not removed either";
 }
 
-TEST_P(Download, IsPrivateWhileItGrowsAndOrdinaryOnceWhole) {
-  const auto urlPath = storePattern("slow.bin", 256 * 1024);
-  const auto path = dir.file("slow.bin");
-  auto record = TransferRecord::make();
-  HttpClient::downloadFile(url(urlPath + "?quill_rate=262144"), path, record->progress(),
-                           record->completion());
-  ASSERT_TRUE(eventually([&] { return FileUtils::fileExists(path); }));
-  const auto growing = std::filesystem::status(path).permissions();
-  auto response = record->wait();
-  ASSERT_NE(response, nullptr);
-  ASSERT_EQ(response->outcome, HttpResponse::kCompleted) << response->text;
-  EXPECT_EQ(growing & std::filesystem::perms::all,
-            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
-  unsigned mask = 022;
-  std::ifstream status("/proc/self/status");
-  for (std::string line; std::getline(status, line);) {
-    if (line.rfind("Umask:", 0) == 0) {
-      mask = static_cast<unsigned>(std::stoul(line.substr(6), nullptr, 8));
-    }
-  }
-  EXPECT_EQ(static_cast<unsigned>(std::filesystem::status(path).permissions() &
-                                  std::filesystem::perms::all),
-            0666u & ~mask);
-}
-
 TEST_P(Download, ErrorStatusesFailAndLeaveNoFile) {
   const auto urlPath = storePattern("guarded.bin", 4096);
   for (const int status : {400, 403, 404, 500}) {

@@ -2,6 +2,7 @@
 // must not intercept them, so loopback is exempted from proxying for the whole test process (the
 // engine leaves proxy variables to libcurl, which reads no_proxy like the rest of them).
 
+#include "Environment.h"
 #include "GlobalEnvironment.h"
 
 #include <gtest/gtest.h>
@@ -13,8 +14,8 @@ namespace {
 class LoopbackOnly : public ::testing::Environment {
 public:
   void SetUp() override {
-    ::setenv("no_proxy", "127.0.0.1,localhost", 1);
-    ::setenv("NO_PROXY", "127.0.0.1,localhost", 1);
+    quill_test::setEnvironment("no_proxy", "127.0.0.1,localhost");
+    quill_test::setEnvironment("NO_PROXY", "127.0.0.1,localhost");
   }
 };
 

@@ -5,12 +5,19 @@
 
 #include <quill_network/HttpClient.h>
 
+#include "Environment.h"
 #include "Recorder.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
+
+#if defined(_WIN32)
+#include <windows.h>
+// After windows.h, which it needs.
+#include <psapi.h>
+#endif
 
 #include <algorithm>
 #include <chrono>
@@ -159,9 +166,9 @@ public:
 private:
   void apply(const std::optional<std::string>& value) {
     if (value) {
-      ::setenv(name.c_str(), value->c_str(), 1);
+      quill_test::setEnvironment(name.c_str(), value->c_str());
     } else {
-      ::unsetenv(name.c_str());
+      quill_test::unsetEnvironment(name.c_str());
     }
   }
   std::string name;
@@ -227,8 +234,15 @@ inline void writeWholeFile(const std::string& path, const std::string& content) 
   out << content;
 }
 
-// The process's peak resident memory so far (VmHWM), in bytes; 0 where /proc is not there.
+// The process's peak resident memory so far (VmHWM; on Windows the peak working set), in bytes.
 inline std::uint64_t peakResidentBytes() {
+#if defined(_WIN32)
+  PROCESS_MEMORY_COUNTERS counters{};
+  counters.cb = sizeof counters;
+  return K32GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof counters)
+             ? static_cast<std::uint64_t>(counters.PeakWorkingSetSize)
+             : 0;
+#else
   std::ifstream status("/proc/self/status");
   std::string line;
   while (std::getline(status, line)) {
@@ -237,6 +251,7 @@ inline std::uint64_t peakResidentBytes() {
     }
   }
   return 0;
+#endif
 }
 
 // True for an HTTP/1.1 status line of that status: "HTTP/1.1 404" or "HTTP/1.1 404 Not Found".

@@ -3,13 +3,19 @@
 #include "TestFiles.h"
 
 // Helpers of the stress and lifetime runs: sizes from the environment, and counts of the process's
-// threads, file descriptors and files below a directory.
+// threads, file descriptors (on Windows: handles) and files below a directory.
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <system_error>
+
+#if defined(_WIN32)
+#include <windows.h>
+// After windows.h, which it needs.
+#include <tlhelp32.h>
+#endif
 
 namespace quill_test {
 
@@ -32,7 +38,47 @@ inline std::string firstLine(const std::string& path) {
 }
 
 // Threads that carry a name of their own: the library's (serial queues, the network engine). The
-// in-process file service's workers keep the program's name and come and go with its connections.
+// in-process file service's workers keep the program's name (on Windows: no name) and come and go
+// with its connections.
+#if defined(_WIN32)
+inline std::size_t namedThreadCount() {
+  // GetThreadDescription came with Windows 10 1607: looked up at run time, as the library does.
+  using Describe = HRESULT(WINAPI*)(HANDLE, PWSTR*);
+  static const auto describe = reinterpret_cast<Describe>(reinterpret_cast<void*>(
+      GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "GetThreadDescription")));
+  if (describe == nullptr) {
+    return 0;
+  }
+  const HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+  if (snapshot == INVALID_HANDLE_VALUE) {
+    return 0;
+  }
+  std::size_t count = 0;
+  THREADENTRY32 entry{};
+  entry.dwSize = sizeof entry;
+  for (bool more = Thread32First(snapshot, &entry); more; more = Thread32Next(snapshot, &entry)) {
+    if (entry.th32OwnerProcessID != GetCurrentProcessId()) {
+      continue;
+    }
+    const HANDLE thread = OpenThread(THREAD_QUERY_LIMITED_INFORMATION, FALSE, entry.th32ThreadID);
+    if (thread == nullptr) {
+      continue;
+    }
+    PWSTR name = nullptr;
+    if (SUCCEEDED(describe(thread, &name)) && name != nullptr) {
+      count += name[0] != L'\0' ? 1 : 0;
+      LocalFree(name);
+    }
+    CloseHandle(thread);
+  }
+  CloseHandle(snapshot);
+  return count;
+}
+inline std::size_t openDescriptors() {
+  DWORD handles = 0;
+  return GetProcessHandleCount(GetCurrentProcess(), &handles) ? handles : 0;
+}
+#else
 inline std::size_t namedThreadCount() {
   const auto program = firstLine("/proc/self/comm");
   std::size_t count = 0;
@@ -47,5 +93,6 @@ inline std::size_t namedThreadCount() {
 inline std::size_t openDescriptors() {
   return entriesIn("/proc/self/fd");
 }
+#endif
 
 }  // namespace quill_test

@@ -1,4 +1,5 @@
 #include "FileServiceEnvironment.h"
+#include "Environment.h"
 
 #include <quill_base/TextUtils.h>
 
@@ -28,7 +29,7 @@ void FileServiceEnvironment::SetUp() {
   }
   if (settings.trustItsCa) {
     ASSERT_FALSE(running->caCertificatePath().empty()) << "the file service made no CA";
-    ::setenv("QUILL_CA_BUNDLE", running->caCertificatePath().c_str(), 1);
+    quill_test::setEnvironment("QUILL_CA_BUNDLE", running->caCertificatePath().c_str());
   }
   if (settings.pointHostsHere) {
     pointHostsAt(running->hostPort());
@@ -58,12 +59,12 @@ std::string FileServiceEnvironment::freshDirectory() const {
 }
 
 void pointHostsAt(const std::string& hostPort) {
-  ::setenv("QUILL_FILE_SERVICE_HOST", hostPort.c_str(), 1);
-  ::setenv("QUILL_PRE_FILE_SERVICE_HOST", hostPort.c_str(), 1);
-  ::setenv("QUILL_IMAGE_CDN_HOST", hostPort.c_str(), 1);
+  quill_test::setEnvironment("QUILL_FILE_SERVICE_HOST", hostPort.c_str());
+  quill_test::setEnvironment("QUILL_PRE_FILE_SERVICE_HOST", hostPort.c_str());
+  quill_test::setEnvironment("QUILL_IMAGE_CDN_HOST", hostPort.c_str());
   const auto colon = hostPort.rfind(':');
   const auto port = colon == std::string::npos ? std::string() : hostPort.substr(colon);
-  ::setenv("QUILL_STATIC_HOST", ("localhost" + port).c_str(), 1);
+  quill_test::setEnvironment("QUILL_STATIC_HOST", ("localhost" + port).c_str());
 }
 
 }  // namespace quill_test

@@ -35,7 +35,7 @@ constexpr auto kStartTimeout = std::chrono::seconds(10);
 std::string makeTemporaryDataDirectory() {
   const auto path =
       std::filesystem::temp_directory_path() / ("quill-fileservice-" + TextUtils::UUID_String());
-  return path.string();
+  return path.u8string();
 }
 
 }  // namespace
@@ -52,7 +52,7 @@ struct FileService::Impl {
     stop();
     if (ownsDataDirectory) {
       std::error_code ec;
-      std::filesystem::remove_all(dataDirectory, ec);
+      std::filesystem::remove_all(std::filesystem::u8path(dataDirectory), ec);
     }
   }
 
@@ -102,7 +102,7 @@ std::unique_ptr<httplib::Server> FileService::Impl::makeServer() {
       return nullptr;
     }
     const std::string caFile = options.caOut.empty()
-                                   ? (std::filesystem::path(dataDirectory) / "ca.pem").string()
+                                   ? (std::filesystem::u8path(dataDirectory) / "ca.pem").u8string()
                                    : options.caOut;
     if (!detail::writeFileAtomically(caFile, identity.caPem, reason)) {
       fail(reason);
@@ -298,7 +298,7 @@ std::string FileService::addFile(const std::string& key, const std::string& loca
   if (!impl->context.storage.prepare(reason)) {
     return {};
   }
-  std::ifstream in(localPath, std::ios::binary);
+  std::ifstream in(std::filesystem::u8path(localPath), std::ios::binary);
   if (!in) {
     return {};
   }

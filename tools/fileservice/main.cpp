@@ -1,17 +1,66 @@
-// quill-fileservice: runs the reference file service until SIGINT or SIGTERM, then stops it cleanly
-// and exits 0. The port it listens on is the first line of standard output (just the number), so
-// that scripts and tests can start it with --port 0; everything else goes to standard error.
+// quill-fileservice: runs the reference file service until SIGINT or SIGTERM (on Windows: Ctrl-C,
+// Ctrl-Break or the console closing), then stops it cleanly and exits 0. The port it listens on is
+// the first line of standard output (just the number), so that scripts and tests can start it with
+// --port 0; everything else goes to standard error.
 #include <quill_fileservice/FileService.h>
 
 #include <CLI/CLI.hpp>
 
-#include <pthread.h>
-#include <signal.h>
-
 #include <csignal>
 #include <cstdio>
 
+#if defined(_WIN32)
+#include <windows.h>
+#else
+#include <pthread.h>
+#include <signal.h>
+#endif
+
 namespace {
+
+#if defined(_WIN32)
+
+// Raised by the console control handler (Ctrl-C, Ctrl-Break, the console closing); main() waits
+// for it, then stops the service on its own thread.
+HANDLE stopRequested = nullptr;
+// Raised once the service has stopped: a handler for the console closing must not return before,
+// since the process ends as soon as it returns.
+HANDLE stopped = nullptr;
+constexpr DWORD kStopGraceMilliseconds = 5000;
+
+BOOL WINAPI onConsoleControl(DWORD event) {
+  switch (event) {
+    case CTRL_C_EVENT:
+    case CTRL_BREAK_EVENT:
+      SetEvent(stopRequested);
+      return TRUE;
+    case CTRL_CLOSE_EVENT:
+    case CTRL_LOGOFF_EVENT:
+    case CTRL_SHUTDOWN_EVENT:
+      SetEvent(stopRequested);
+      WaitForSingleObject(stopped, kStopGraceMilliseconds);
+      return TRUE;
+    default:
+      return FALSE;
+  }
+}
+
+bool blockStopSignals() {
+  stopRequested = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  stopped = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  return stopRequested != nullptr && stopped != nullptr &&
+         SetConsoleCtrlHandler(onConsoleControl, TRUE) != 0;
+}
+
+void waitForStopSignal() {
+  WaitForSingleObject(stopRequested, INFINITE);
+}
+
+void reportStopped() {
+  SetEvent(stopped);
+}
+
+#else
 
 sigset_t stopSignals() {
   sigset_t set;
@@ -42,6 +91,10 @@ void waitForStopSignal() {
   }
 }
 
+void reportStopped() {}
+
+#endif
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -49,7 +102,7 @@ int main(int argc, char** argv) {
   CLI::App app{
       "quill-fileservice: the reference file service on loopback, for development, tests,\n"
       "benchmarks and the demo. Prints the port it listens on as the first line of standard\n"
-      "output, then serves until SIGINT or SIGTERM.\n\n"
+      "output, then serves until SIGINT or SIGTERM (Ctrl-C or Ctrl-Break on Windows).\n\n"
       "Faults: per request with the query parameters quill_status, quill_body, quill_delay_ms,\n"
       "quill_rate, quill_drop_after, quill_stall_after; as rules with POST /_control/faults (a\n"
       "JSON object or array: pathPrefix, host, times, status, body, delayMs, bytesPerSecond,\n"
@@ -110,5 +163,6 @@ int main(int argc, char** argv) {
   std::fprintf(stderr, "quill-fileservice: stopping\n");
   service.stop();
   std::fprintf(stderr, "quill-fileservice: stopped\n");
+  reportStopped();
   return 0;
 }

@@ -10,6 +10,11 @@
 #include <new>
 #include <stdexcept>
 
+#if defined(_WIN32)
+#include <pthread.h>
+#include <windows.h>
+#endif
+
 namespace quill_network_detail {
 namespace {
 
@@ -29,7 +34,26 @@ CurlEngine::CurlEngine() {
   }
   // Only the network thread uses the share handle, so it needs no lock functions.
   curl_share_setopt(share.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+#if defined(_WIN32)
+  workerDone = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  if (workerDone == nullptr) {
+    throw std::bad_alloc();
+  }
+  worker = std::thread([this] {
+    run();
+    // Ends the thread here, never returning into this DLL's code: when the DLL is being unloaded,
+    // ExitThread waits for the loader lock until the unloading is over, and then has nothing of
+    // this DLL left to run.
+    SetEvent(workerDone);
+    ExitThread(0);
+  });
+  HANDLE own = nullptr;
+  DuplicateHandle(GetCurrentProcess(), pthread_gethandle(worker.native_handle()),
+                  GetCurrentProcess(), &own, SYNCHRONIZE, FALSE, 0);
+  workerThread = own;
+#else
   worker = std::thread([this] { run(); });
+#endif
 }
 
 CurlEngine::~CurlEngine() {
@@ -74,9 +98,32 @@ void CurlEngine::shutdown() {
     // this thread after it, and it cannot wait for itself.
     worker.detach();
   } else {
+#if defined(_WIN32)
+    waitForTheWorkerToFinish();
+#else
     worker.join();
+#endif
   }
 }
+
+#if defined(_WIN32)
+// On Windows shutdown() runs, from the static destructors, under the loader lock: when the DLL is
+// unloaded (FreeLibrary) and at process exit. A thread cannot end without that lock, so joining
+// the network thread would deadlock; the thread's own signal that its work is over is awaited
+// instead. At process exit Windows has already ended every other thread, the network thread
+// included, wherever it was: what it left in flight is abandoned here then, to remove the partial
+// downloads as the thread would have.
+void CurlEngine::waitForTheWorkerToFinish() {
+  HANDLE ends[2] = {static_cast<HANDLE>(workerDone), static_cast<HANDLE>(workerThread)};
+  const DWORD count = ends[1] != nullptr ? 2 : 1;
+  const DWORD ended = WaitForMultipleObjects(count, ends, FALSE, INFINITE);
+  worker.detach();
+  if (ended != WAIT_OBJECT_0) {
+    // No lock: the thread that could hold one is gone. The transfers remove their files as they go.
+    std::unordered_map<std::string, std::unique_ptr<CurlTransfer>>().swap(active);
+  }
+}
+#endif
 
 void CurlEngine::run() {
   QLOG_DEBUG("network thread started");

@@ -77,6 +77,14 @@ private:
   std::unordered_map<std::string, std::unique_ptr<CurlTransfer>> active;
   std::mutex joinMutex;  // one joiner at a time
   std::thread worker;
+#if defined(_WIN32)
+  // How shutdown() waits for the network thread on Windows without joining it (see
+  // CurlEngine.cpp): an event the thread sets once it has abandoned everything, and the thread's
+  // own handle, which is set when the thread ended some other way.
+  void* workerDone = nullptr;
+  void* workerThread = nullptr;
+  void waitForTheWorkerToFinish();
+#endif
 };
 
 }  // namespace quill_network_detail

@@ -79,6 +79,13 @@ bool CurlTransfer::setCommonOptions(CURLSH* share) {
   if (ok && !settings.caBundle.empty()) {
     ok = setOption(h, CURLOPT_CAINFO, settings.caBundle.c_str(), e);
   }
+#if defined(_WIN32)
+  // Windows has no CA file: without QUILL_CA_BUNDLE, OpenSSL trusts the Windows certificate store,
+  // a company's own root CA included.
+  if (ok && settings.caBundle.empty()) {
+    ok = setOption(h, CURLOPT_SSL_OPTIONS, static_cast<long>(CURLSSLOPT_NATIVE_CA), e);
+  }
+#endif
   if (ok && curl_easy_setopt(h, CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_2TLS) != CURLE_OK) {
     // A libcurl without HTTP/2 speaks HTTP/1.1, which serves every transfer just as well.
     QLOG_DEBUG("libcurl offers no HTTP/2; transfer " << transferId << " uses HTTP/1.1");

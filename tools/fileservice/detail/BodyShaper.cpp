@@ -73,7 +73,8 @@ void BodyShaper::stall() {
   const int socket = findSocket(connection);
   const auto deadline = std::chrono::steady_clock::now() + kStallLimit;
   while (!stop.waitFor(kStallPoll)) {
-    if ((socket >= 0 && peerHasGone(socket)) || std::chrono::steady_clock::now() >= deadline) {
+    if ((socket >= 0 && peerHasGone(socket, connection.ssl != nullptr)) ||
+        std::chrono::steady_clock::now() >= deadline) {
       return;
     }
   }

@@ -157,7 +157,7 @@ bool makeTlsIdentity(TlsIdentity& identity, std::string& error) {
 }
 
 bool writeFileAtomically(const std::string& path, const std::string& text, std::string& error) {
-  const std::filesystem::path target(path);
+  const std::filesystem::path target = std::filesystem::u8path(path);
   std::error_code ec;
   if (target.has_parent_path()) {
     std::filesystem::create_directories(target.parent_path(), ec);

@@ -1,11 +1,19 @@
 #include "detail/Connections.h"
 
+#include <openssl/ssl.h>
+
+#if defined(_WIN32)
+#include "detail/AcceptedSockets.h"
+
+#include <winsock2.h>
+#include <ws2tcpip.h>
+#else
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <openssl/ssl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#endif
 
 #include <cerrno>
 #include <cstdlib>
@@ -16,6 +24,12 @@
 namespace quill_fileservice::detail {
 
 namespace {
+
+#if defined(_WIN32)
+using AddressLength = int;
+#else
+using AddressLength = socklen_t;
+#endif
 
 struct Endpoint {
   std::string address;
@@ -41,20 +55,28 @@ bool toEndpoint(const sockaddr_storage& storage, Endpoint& endpoint) {
 
 bool localEndpoint(int socket, Endpoint& endpoint) {
   sockaddr_storage storage{};
-  socklen_t length = sizeof storage;
+  AddressLength length = sizeof storage;
   return getsockname(socket, reinterpret_cast<sockaddr*>(&storage), &length) == 0 &&
          toEndpoint(storage, endpoint);
 }
 
 bool remoteEndpoint(int socket, Endpoint& endpoint) {
   sockaddr_storage storage{};
-  socklen_t length = sizeof storage;
+  AddressLength length = sizeof storage;
   return getpeername(socket, reinterpret_cast<sockaddr*>(&storage), &length) == 0 &&
          toEndpoint(storage, endpoint);
 }
 
-// Calls `visit` with every socket descriptor of this process until it returns true.
+// Calls `visit` with every socket descriptor of this process until it returns true (on Windows,
+// with every socket the service accepted: the only ones the callers look for).
 void forEachSocket(const std::function<bool(int)>& visit) {
+#if defined(_WIN32)
+  for (const SOCKET socket : acceptedSockets()) {
+    if (visit(static_cast<int>(socket))) {
+      return;
+    }
+  }
+#else
   std::error_code ec;
   for (std::filesystem::directory_iterator entry("/proc/self/fd", ec), end; !ec && entry != end;
        entry.increment(ec)) {
@@ -72,6 +94,7 @@ void forEachSocket(const std::function<bool(int)>& visit) {
       return;
     }
   }
+#endif
 }
 
 }  // namespace
@@ -105,7 +128,26 @@ int findSocket(const ConnectionId& connection) {
   return found;
 }
 
-bool peerHasGone(int socket) {
+bool peerHasGone(int socket, [[maybe_unused]] bool overTls) {
+#if defined(_WIN32)
+  WSAPOLLFD entry{};
+  entry.fd = static_cast<SOCKET>(socket);
+  entry.events = POLLRDNORM;
+  const int ready = WSAPoll(&entry, 1, 0);
+  if (ready < 0) {
+    return true;
+  }
+  if (ready == 0) {
+    return false;
+  }
+  if ((entry.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) {
+    return true;
+  }
+  // Readable: the FIN (nothing to peek) or a reset, or bytes the client sent.
+  char next = 0;
+  const int peeked = recv(entry.fd, &next, 1, MSG_PEEK);
+  return peeked <= 0 || overTls;
+#else
   pollfd entry{};
   entry.fd = socket;
   entry.events = POLLRDHUP;
@@ -114,6 +156,7 @@ bool peerHasGone(int socket) {
     return errno != EINTR;
   }
   return ready > 0 && (entry.revents & (POLLRDHUP | POLLHUP | POLLERR | POLLNVAL)) != 0;
+#endif
 }
 
 void shutDownConnections(int port) {
@@ -121,22 +164,40 @@ void shutDownConnections(int port) {
     Endpoint local;
     Endpoint remote;
     int listening = 0;
-    socklen_t length = sizeof listening;
+    AddressLength length = sizeof listening;
     if (localEndpoint(socket, local) && local.port == port && remoteEndpoint(socket, remote) &&
-        getsockopt(socket, SOL_SOCKET, SO_ACCEPTCONN, &listening, &length) == 0 && listening == 0) {
+        getsockopt(socket, SOL_SOCKET, SO_ACCEPTCONN, reinterpret_cast<char*>(&listening),
+                   &length) == 0 &&
+        listening == 0) {
+#if defined(_WIN32)
+      shutdown(static_cast<SOCKET>(socket), SD_BOTH);
+#else
       shutdown(socket, SHUT_RDWR);
+#endif
     }
     return false;
   });
 }
 
 void widenBacklog(int listeningSocket) {
+#if defined(_WIN32)
+  listen(static_cast<SOCKET>(listeningSocket), SOMAXCONN);
+#else
   listen(listeningSocket, SOMAXCONN);
+#endif
 }
 
 void listeningSocketOptions(int socket) {
+#if defined(_WIN32)
+  // SO_REUSEADDR on Windows would let another socket take the port over; the exclusive use is
+  // what makes a port in use fail start(), and Windows needs nothing for quick restarts.
+  int yes = 1;
+  setsockopt(static_cast<SOCKET>(socket), SOL_SOCKET, SO_EXCLUSIVEADDRUSE,
+             reinterpret_cast<const char*>(&yes), sizeof yes);
+#else
   int yes = 1;
   setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+#endif
 }
 
 }  // namespace quill_fileservice::detail

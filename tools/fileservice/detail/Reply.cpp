@@ -3,6 +3,8 @@
 #include "detail/BodyShaper.h"
 #include "detail/Faults.h"
 
+#include <quill_base/FileUtils.h>
+
 #include <json/writer.h>
 
 #include <algorithm>
@@ -22,7 +24,7 @@ constexpr std::size_t kReadChunk = 64 * 1024;
 class FileSource {
 public:
   static std::shared_ptr<FileSource> open(const std::string& path) {
-    std::FILE* file = std::fopen(path.c_str(), "rb");
+    std::FILE* file = FileUtils::openFile(path, "rb");
     if (file == nullptr) {
       return nullptr;
     }

@@ -2,6 +2,7 @@
 
 #include "detail/Forms.h"
 
+#include <quill_base/FileUtils.h>
 #include <quill_base/TextUtils.h>
 
 #include <cctype>
@@ -101,8 +102,8 @@ bool Storage::prepare(std::string& error) const {
   }
   for (const Area area : {Area::Files, Area::Objects, Area::Vod}) {
     std::error_code ec;
-    std::filesystem::create_directories(directory(area), ec);
-    if (!std::filesystem::is_directory(directory(area), ec)) {
+    std::filesystem::create_directories(std::filesystem::u8path(directory(area)), ec);
+    if (!std::filesystem::is_directory(std::filesystem::u8path(directory(area)), ec)) {
       error = "cannot create " + directory(area);
       return false;
     }
@@ -111,20 +112,20 @@ bool Storage::prepare(std::string& error) const {
 }
 
 std::string Storage::directory(Area area) const {
-  return (std::filesystem::path(rootDirectory) / areaName(area)).string();
+  return (std::filesystem::u8path(rootDirectory) / areaName(area)).u8string();
 }
 
 std::string Storage::pathOf(Area area, const std::string& key) const {
   if (!isValidKey(key)) {
     return {};
   }
-  return (std::filesystem::path(directory(area)) / key).string();
+  return (std::filesystem::u8path(directory(area)) / std::filesystem::u8path(key)).u8string();
 }
 
 std::string Storage::existingFile(Area area, const std::string& key) const {
   const std::string path = pathOf(area, key);
   std::error_code ec;
-  if (path.empty() || !std::filesystem::is_regular_file(path, ec)) {
+  if (path.empty() || !std::filesystem::is_regular_file(std::filesystem::u8path(path), ec)) {
     return {};
   }
   return path;
@@ -160,9 +161,9 @@ StagedFile::~StagedFile() {
 bool StagedFile::open() {
   discard();
   stagingPath =
-      (std::filesystem::path(storage.directory(area)) / (".staging-" + TextUtils::UUID_String()))
-          .string();
-  file = std::fopen(stagingPath.c_str(), "wb");
+      (std::filesystem::u8path(storage.directory(area)) / (".staging-" + TextUtils::UUID_String()))
+          .u8string();
+  file = FileUtils::openFile(stagingPath, "wb");
   if (file == nullptr) {
     stagingPath.clear();
     return false;
@@ -198,7 +199,8 @@ bool StagedFile::commit(const std::string& key) {
     return false;
   }
   std::error_code ec;
-  std::filesystem::rename(stagingPath, target, ec);
+  std::filesystem::rename(std::filesystem::u8path(stagingPath), std::filesystem::u8path(target),
+                          ec);
   if (ec) {
     discard();
     return false;
@@ -214,7 +216,7 @@ void StagedFile::discard() {
   }
   if (!stagingPath.empty()) {
     std::error_code ec;
-    std::filesystem::remove(stagingPath, ec);
+    std::filesystem::remove(std::filesystem::u8path(stagingPath), ec);
     stagingPath.clear();
   }
 }
