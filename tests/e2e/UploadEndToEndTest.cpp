@@ -1,5 +1,6 @@
 #include "CloudEnvironment.h"
 #include "LogCapture.h"
+#include "ProcessMemory.h"
 #include "TestFiles.h"
 #include "Tracked.h"
 
@@ -11,12 +12,6 @@
 
 #include <fstream>
 
-#if defined(_WIN32)
-#include <windows.h>
-// After windows.h, which it needs.
-#include <psapi.h>
-#endif
-
 using quill_test::CloudEnvironment;
 using quill_test::LogCapture;
 using quill_test::readFile;
@@ -25,25 +20,6 @@ using quill_test::Tracked;
 using quill_test::writePattern;
 
 namespace {
-
-std::size_t peakResidentKiB() {
-#if defined(_WIN32)
-  PROCESS_MEMORY_COUNTERS counters{};
-  counters.cb = sizeof counters;
-  return K32GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof counters)
-             ? static_cast<std::size_t>(counters.PeakWorkingSetSize / 1024)
-             : 0;
-#else
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.rfind("VmHWM:", 0) == 0) {
-      return std::stoul(line.substr(6));
-    }
-  }
-  return 0;
-#endif
-}
 
 struct UploadEndToEnd : ::testing::Test {
   TempDir user;
@@ -162,14 +138,14 @@ TEST_F(UploadEndToEnd, ABigUploadStreamsWithBoundedMemory) {
 #endif
   signIn();
   writePattern(files.file("big.bin"), size, 9);
-  const auto baseline = peakResidentKiB();
+  const auto baseline = quill_test::peakResidentBytes() / 1024;
   Tracked big(true, CloudStorageKind::kFile);
   big.request->directory = files.path();
   big.request->fileName = "big.bin";
   ASSERT_TRUE(service->excuteRequest(big.request));
   ASSERT_TRUE(big.waitEnded(std::chrono::minutes(5)));
   ASSERT_EQ(big.code(), CloudStorageResult::kSuccess) << big.message();
-  [[maybe_unused]] const auto grownKiB = peakResidentKiB() - baseline;
+  [[maybe_unused]] const auto grownKiB = quill_test::peakResidentBytes() / 1024 - baseline;
 #if !defined(QUILL_SANITIZER_BUILD)
   EXPECT_LT(grownKiB, 48u * 1024) << "peak memory grew by " << grownKiB << " KiB";
 #endif

@@ -2,6 +2,7 @@
 // memory, over HTTP and HTTPS. Sanitizer builds use smaller files and skip the memory ceiling,
 // which their own overhead would distort.
 #include "FileServiceTestSupport.h"
+#include "ProcessMemory.h"
 
 #include <quill_base/FileUtils.h>
 
@@ -13,13 +14,8 @@
 #include <thread>
 #include <vector>
 
-#if defined(_WIN32)
-#include <windows.h>
-// After windows.h, which it needs.
-#include <psapi.h>
-#endif
-
 using namespace fileservice_test;
+using quill_test::peakResidentBytes;
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -31,26 +27,6 @@ constexpr std::size_t kTransferSize = 16 * 1024;
 constexpr std::size_t kBigFileSize = 256u * 1024 * 1024;
 constexpr std::size_t kTransferSize = 64 * 1024;
 #endif
-
-// Peak resident memory of this process so far (on Windows the peak working set), in bytes.
-std::size_t peakResidentBytes() {
-#if defined(_WIN32)
-  PROCESS_MEMORY_COUNTERS counters{};
-  counters.cb = sizeof counters;
-  return K32GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof counters)
-             ? static_cast<std::size_t>(counters.PeakWorkingSetSize)
-             : 0;
-#else
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.rfind("VmHWM:", 0) == 0) {
-      return static_cast<std::size_t>(std::stoull(line.substr(6))) * 1024;
-    }
-  }
-  return 0;
-#endif
-}
 
 // Writes `size` pseudo-random bytes, a chunk at a time.
 void writeBigFile(const std::string& path, std::size_t size) {

@@ -6,18 +6,13 @@
 #include <quill_network/HttpClient.h>
 
 #include "Environment.h"
+#include "ProcessMemory.h"
 #include "Recorder.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
-
-#if defined(_WIN32)
-#include <windows.h>
-// After windows.h, which it needs.
-#include <psapi.h>
-#endif
 
 #include <algorithm>
 #include <chrono>
@@ -232,26 +227,6 @@ inline std::string readWholeFile(const std::string& path) {
 inline void writeWholeFile(const std::string& path, const std::string& content) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out << content;
-}
-
-// The process's peak resident memory so far (VmHWM; on Windows the peak working set), in bytes.
-inline std::uint64_t peakResidentBytes() {
-#if defined(_WIN32)
-  PROCESS_MEMORY_COUNTERS counters{};
-  counters.cb = sizeof counters;
-  return K32GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof counters)
-             ? static_cast<std::uint64_t>(counters.PeakWorkingSetSize)
-             : 0;
-#else
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.rfind("VmHWM:", 0) == 0) {
-      return std::stoull(line.substr(6)) * 1024;  // the kernel states it in kB
-    }
-  }
-  return 0;
-#endif
 }
 
 // True for an HTTP/1.1 status line of that status: "HTTP/1.1 404" or "HTTP/1.1 404 Not Found".
