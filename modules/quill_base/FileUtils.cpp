@@ -8,6 +8,9 @@
 #include <system_error>
 #include <vector>
 
+#include <sys/stat.h>
+#include <sys/types.h>
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -127,6 +130,26 @@ std::uint64_t FileUtils::fileSize(const std::string& path) {
   std::error_code ec;
   const auto size = fs::file_size(toPath(path), ec);
   return ec ? 0 : static_cast<std::uint64_t>(size);
+}
+
+std::int64_t FileUtils::modificationTime(const std::string& path) {
+  if (path.empty()) {
+    return -1;
+  }
+  // stat rather than fs::last_write_time: the file clock's epoch differs between standard
+  // libraries, and C++17 offers no exact conversion to the system clock.
+#if defined(_WIN32)
+  struct _stat64 info {};
+  if (_wstat64(toPath(path).c_str(), &info) != 0) {
+    return -1;
+  }
+#else
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) {
+    return -1;
+  }
+#endif
+  return static_cast<std::int64_t>(info.st_mtime);
 }
 
 std::string FileUtils::fileDir(const std::string& path) {

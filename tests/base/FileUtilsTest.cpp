@@ -95,6 +95,27 @@ TEST(FileUtils, FileSizeBeyondFourGigabytes) {
   EXPECT_EQ(FileUtils::fileSize(path), 5ull << 30);
 }
 
+TEST(FileUtils, ModificationTimeIsInSecondsSince1970) {
+  TempDir dir;
+  writeFile(dir.file("now"), "x");
+  const auto before = std::chrono::duration_cast<std::chrono::seconds>(
+                          std::chrono::system_clock::now().time_since_epoch())
+                          .count();
+  const std::int64_t modified = FileUtils::modificationTime(dir.file("now"));
+  EXPECT_GE(modified, before - 60);
+  EXPECT_LE(modified, before + 60);
+  // A time set through the standard library reads back as the same instant.
+  std::error_code ec;
+  fs::last_write_time(fs::u8path(dir.file("now")),
+                      fs::last_write_time(fs::u8path(dir.file("now"))) - std::chrono::hours(48),
+                      ec);
+  ASSERT_FALSE(ec) << ec.message();
+  EXPECT_NEAR(static_cast<double>(FileUtils::modificationTime(dir.file("now"))),
+              static_cast<double>(modified - 48 * 3600), 1.0);
+  EXPECT_EQ(FileUtils::modificationTime(dir.file("missing")), -1);
+  EXPECT_EQ(FileUtils::modificationTime(""), -1);
+}
+
 TEST(FileUtils, PathParts) {
   EXPECT_EQ(FileUtils::fileDir("/a/b/c.txt"), "/a/b");
   EXPECT_EQ(FileUtils::fileDir("c.txt"), "");

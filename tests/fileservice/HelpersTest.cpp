@@ -177,7 +177,10 @@ TEST(FaultParsing, QueryParametersMakeAFault) {
                                      {"quill_delay_ms", "20"},
                                      {"quill_rate", "1000"},
                                      {"quill_drop_after", "10"},
-                                     {"quill_stall_after", "0"}});
+                                     {"quill_stall_after", "0"},
+                                     {"quill_cut_every", "7"},
+                                     {"quill_ignore_range", "1"},
+                                     {"quill_change_etag", "0"}});
   ASSERT_TRUE(fault.has_value());
   EXPECT_EQ(fault->status, 503);
   EXPECT_TRUE(fault->hasBody);
@@ -186,6 +189,9 @@ TEST(FaultParsing, QueryParametersMakeAFault) {
   EXPECT_EQ(fault->bytesPerSecond, 1000);
   EXPECT_EQ(fault->dropAfterBytes, 10);
   EXPECT_EQ(fault->stallAfterBytes, 0);
+  EXPECT_EQ(fault->cutEveryBytes, 7);
+  EXPECT_TRUE(fault->ignoreRange);
+  EXPECT_FALSE(fault->changeEtag);
   EXPECT_TRUE(replacesReply(*fault));
   EXPECT_TRUE(shapesBody(*fault));
   const auto empty = faultFromQuery({{"quill_body", ""}});
@@ -199,7 +205,8 @@ TEST(FaultParsing, JsonRoundTrips) {
   Json::Value json;
   ASSERT_TRUE(JSONUtils::parseJSON(
       R"({"pathPrefix":"/f","host":"h:1","times":2,"status":500,"body":"b","delayMs":3,)"
-      R"("bytesPerSecond":4,"dropAfterBytes":5,"stallAfterBytes":6})",
+      R"("bytesPerSecond":4,"dropAfterBytes":5,"stallAfterBytes":6,"cutEveryBytes":7,)"
+      R"("ignoreRange":true,"changeEtag":true})",
       json));
   quill_fileservice::Fault fault;
   std::string error;
@@ -214,6 +221,9 @@ TEST(FaultParsing, JsonRoundTrips) {
   EXPECT_EQ(fault.bytesPerSecond, 4);
   EXPECT_EQ(fault.dropAfterBytes, 5);
   EXPECT_EQ(fault.stallAfterBytes, 6);
+  EXPECT_EQ(fault.cutEveryBytes, 7);
+  EXPECT_TRUE(fault.ignoreRange);
+  EXPECT_TRUE(fault.changeEtag);
   EXPECT_EQ(faultToJson(fault), json);
 
   Json::Value minimal(Json::objectValue);
@@ -222,6 +232,9 @@ TEST(FaultParsing, JsonRoundTrips) {
   EXPECT_EQ(defaults.times, -1);
   EXPECT_FALSE(defaults.hasBody);
   EXPECT_EQ(defaults.dropAfterBytes, -1);
+  EXPECT_EQ(defaults.cutEveryBytes, -1);
+  EXPECT_FALSE(defaults.ignoreRange);
+  EXPECT_FALSE(defaults.changeEtag);
   EXPECT_FALSE(replacesReply(defaults));
   EXPECT_FALSE(shapesBody(defaults));
 }

@@ -40,6 +40,15 @@ bool BodyShaper::write(httplib::DataSink& sink, const char* data, std::size_t si
       }
       chunk = std::min(chunk, limit - sent);
     }
+    if (fault.cutEveryBytes > 0) {
+      // The next multiple of cutEveryBytes after the body's first byte ends this reply.
+      const auto every = static_cast<std::uint64_t>(fault.cutEveryBytes);
+      const std::uint64_t limit = every - startOffset % every;
+      if (sent >= limit) {
+        return false;
+      }
+      chunk = std::min(chunk, limit - sent);
+    }
     if (fault.stallAfterBytes >= 0) {
       const auto limit = static_cast<std::uint64_t>(fault.stallAfterBytes);
       if (sent >= limit) {
@@ -84,6 +93,10 @@ httplib::ContentProvider BodyShaper::wrap(httplib::ContentProvider inner,
                                           std::shared_ptr<BodyShaper> shaper) {
   return [inner = std::move(inner), shaper = std::move(shaper)](
              std::size_t offset, std::size_t length, httplib::DataSink& sink) {
+    if (!shaper->begun) {
+      shaper->begun = true;
+      shaper->startAt(offset);
+    }
     bool ok = true;
     httplib::DataSink relay;
     relay.write = [&](const char* data, std::size_t size) {

@@ -15,10 +15,14 @@ namespace quill_fileservice::detail {
 // Sends a reply body the way a fault says: at most bytesPerSecond, the connection dropped after
 // dropAfterBytes, or sending stopped after stallAfterBytes with the connection held open until the
 // client closes it, the service stops or a safety limit of ten minutes passes. Counts the bytes of
-// one reply from zero, whatever offset (range) the body starts at.
+// one reply from zero, whatever offset (range) the body starts at; only cutEveryBytes counts from
+// the file's start, which is where the body begins plus `startOffset`.
 class BodyShaper {
 public:
   BodyShaper(const Fault& fault, const StopSignal& stop, ConnectionId connection);
+
+  // Where in the file the body begins (a range's first byte); 0 unless told.
+  void startAt(std::uint64_t offset) { startOffset = offset; }
 
   // Passes the bytes on to `sink` as the fault allows; false once the reply is to end early (the
   // connection is then closed).
@@ -34,6 +38,8 @@ private:
   Fault fault;
   const StopSignal& stop;
   ConnectionId connection;
+  std::uint64_t startOffset = 0;
+  bool begun = false;
   std::uint64_t sent = 0;
   std::chrono::steady_clock::time_point started;
   bool startedClock = false;

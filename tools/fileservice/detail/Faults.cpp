@@ -51,6 +51,19 @@ bool readInt(const Json::Value& json, const char* name, int& value, std::string&
   return true;
 }
 
+bool readBool(const Json::Value& json, const char* name, bool& value, std::string& error) {
+  const Json::Value* member = json.find(name, name + std::char_traits<char>::length(name));
+  if (member == nullptr) {
+    return true;
+  }
+  if (!member->isBool()) {
+    error = std::string("\"") + name + "\" must be true or false";
+    return false;
+  }
+  value = member->asBool();
+  return true;
+}
+
 bool readString(const Json::Value& json, const char* name, std::string& value, bool& present,
                 std::string& error) {
   const Json::Value* member = json.find(name, name + std::char_traits<char>::length(name));
@@ -73,7 +86,8 @@ bool replacesReply(const Fault& fault) {
 }
 
 bool shapesBody(const Fault& fault) {
-  return fault.bytesPerSecond > 0 || fault.dropAfterBytes >= 0 || fault.stallAfterBytes >= 0;
+  return fault.bytesPerSecond > 0 || fault.dropAfterBytes >= 0 || fault.stallAfterBytes >= 0 ||
+         fault.cutEveryBytes > 0;
 }
 
 std::optional<Fault> faultFromQuery(const std::multimap<std::string, std::string>& params) {
@@ -103,6 +117,17 @@ std::optional<Fault> faultFromQuery(const std::multimap<std::string, std::string
   if (const std::string* text = value("quill_stall_after")) {
     any |= parseNumber(*text, fault.stallAfterBytes);
   }
+  if (const std::string* text = value("quill_cut_every")) {
+    any |= parseNumber(*text, fault.cutEveryBytes);
+  }
+  if (const std::string* text = value("quill_ignore_range")) {
+    fault.ignoreRange = *text != "0";
+    any = true;
+  }
+  if (const std::string* text = value("quill_change_etag")) {
+    fault.changeEtag = *text != "0";
+    any = true;
+  }
   if (!any) {
     return std::nullopt;
   }
@@ -116,7 +141,8 @@ bool faultFromJson(const Json::Value& json, Fault& fault, std::string& error) {
   }
   static const char* const kKnown[] = {"pathPrefix",     "host",           "times",
                                        "status",         "body",           "delayMs",
-                                       "bytesPerSecond", "dropAfterBytes", "stallAfterBytes"};
+                                       "bytesPerSecond", "dropAfterBytes", "stallAfterBytes",
+                                       "cutEveryBytes",  "ignoreRange",    "changeEtag"};
   for (const auto& name : json.getMemberNames()) {
     if (std::none_of(std::begin(kKnown), std::end(kKnown),
                      [&name](const char* known) { return name == known; })) {
@@ -133,7 +159,10 @@ bool faultFromJson(const Json::Value& json, Fault& fault, std::string& error) {
             readInt(json, "delayMs", parsed.delayMs, error) &&
             readInt64(json, "bytesPerSecond", parsed.bytesPerSecond, error) &&
             readInt64(json, "dropAfterBytes", parsed.dropAfterBytes, error) &&
-            readInt64(json, "stallAfterBytes", parsed.stallAfterBytes, error);
+            readInt64(json, "stallAfterBytes", parsed.stallAfterBytes, error) &&
+            readInt64(json, "cutEveryBytes", parsed.cutEveryBytes, error) &&
+            readBool(json, "ignoreRange", parsed.ignoreRange, error) &&
+            readBool(json, "changeEtag", parsed.changeEtag, error);
   if (ok) {
     ok = readString(json, "body", parsed.body, present, error);
     parsed.hasBody = present;
@@ -162,6 +191,9 @@ Json::Value faultToJson(const Fault& fault) {
   json["bytesPerSecond"] = Json::Int64(fault.bytesPerSecond);
   json["dropAfterBytes"] = Json::Int64(fault.dropAfterBytes);
   json["stallAfterBytes"] = Json::Int64(fault.stallAfterBytes);
+  json["cutEveryBytes"] = Json::Int64(fault.cutEveryBytes);
+  json["ignoreRange"] = fault.ignoreRange;
+  json["changeEtag"] = fault.changeEtag;
   return json;
 }
 

@@ -2,6 +2,7 @@
 
 #include "detail/BodyShaper.h"
 #include "detail/Faults.h"
+#include "detail/Validators.h"
 
 #include <quill_base/FileUtils.h>
 
@@ -141,6 +142,15 @@ void render(Reply reply, const Fault* fault, const StopSignal& stop,
     if (source == nullptr) {
       reply = Reply::text(404, "not found\n");
     } else if (source->size() > 0) {
+      const FileValidators validators =
+          validatorsOf(reply.filePath, source->size(), fault != nullptr && fault->changeEtag);
+      response.set_header("ETag", validators.etag);
+      response.set_header("Last-Modified", validators.lastModified);
+      if ((fault != nullptr && fault->ignoreRange) || !ifRangeHolds(request, validators)) {
+        // httplib applies the request's ranges after the handler returned; without them the whole
+        // file goes out with 200. The request object is httplib's own, not a constant.
+        const_cast<httplib::Request&>(request).ranges.clear();
+      }
       // A plain 200 is left to httplib, which answers 206 when the request asked for a range.
       if (reply.status != 200) {
         response.status = reply.status;

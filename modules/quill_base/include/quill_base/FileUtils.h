@@ -24,6 +24,9 @@ public:
   static bool fileExists(const std::string& path);
   // Size of the regular file in bytes; 0 when it is missing or not a regular file.
   static std::uint64_t fileSize(const std::string& path);
+  // Last modification of the file or directory, in whole seconds since 1970-01-01 UTC; -1 when it
+  // is missing.
+  static std::int64_t modificationTime(const std::string& path);
 
   // Directory part of a path ("a/b/c.txt" -> "a/b"); "" when there is none.
   static std::string fileDir(const std::string& path);

@@ -34,7 +34,8 @@ struct Options {
 
 // A fault applied to requests that match it (see FileService::addFault). Query parameters of the
 // same names apply a fault to a single request: ?quill_status=500, ?quill_body=...,
-// ?quill_delay_ms=, ?quill_rate=, ?quill_drop_after=, ?quill_stall_after=.
+// ?quill_delay_ms=, ?quill_rate=, ?quill_drop_after=, ?quill_stall_after=, ?quill_cut_every=,
+// ?quill_ignore_range=1, ?quill_change_etag=1.
 // From outside the process, POST /_control/faults takes a JSON object (or an array of them) with
 // these member names, DELETE /_control/faults clears the rules; see tools/fileservice/README.md.
 struct Fault {
@@ -58,6 +59,15 @@ struct Fault {
   std::int64_t dropAfterBytes = -1;
   // Stop sending, connection held open, after this many body bytes (-1: never).
   std::int64_t stallAfterBytes = -1;
+  // Close the connection whenever a download's body reaches a multiple of this many bytes of the
+  // file, counted from the file's start (-1: never): a request resumed at such a multiple gets up
+  // to the next one.
+  std::int64_t cutEveryBytes = -1;
+  // Answer a download with the whole file (200) whatever its Range asks for.
+  bool ignoreRange = false;
+  // Give the download an ETag no earlier reply had, as if the file had been replaced: a resumed
+  // request's If-Range then fails and the whole file is sent.
+  bool changeEtag = false;
 };
 
 // Besides the protocol's routes, GET /redirect?to=<path>&hops=<n> answers with n redirects ending
