@@ -111,6 +111,23 @@ bool FileUtils::makeShareable(std::FILE* file) {
 #endif
 }
 
+bool FileUtils::truncateFile(std::FILE* file, std::uint64_t size) {
+  if (file == nullptr) {
+    errno = EBADF;
+    return false;
+  }
+  if (std::fflush(file) != 0) {
+    return false;
+  }
+#if defined(_WIN32)
+  return _chsize_s(_fileno(file), static_cast<long long>(size)) == 0 &&
+         _fseeki64(file, static_cast<long long>(size), SEEK_SET) == 0;
+#else
+  return ::ftruncate(::fileno(file), static_cast<off_t>(size)) == 0 &&
+         ::fseeko(file, static_cast<off_t>(size), SEEK_SET) == 0;
+#endif
+}
+
 bool FileUtils::writeNewFile(const std::string& path, const void* data, std::size_t size) {
   std::FILE* file = createNewFile(path);
   if (file == nullptr) {

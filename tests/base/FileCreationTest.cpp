@@ -80,6 +80,22 @@ TEST(FileCreation, CreateNewFileMakesAPrivateFile) {
 #endif
 }
 
+TEST(FileCreation, TruncatingCutsTheFileAndWritesOnFromThere) {
+  TempDir dir;
+  const auto path = dir.file("cut.bin");
+  std::FILE* file = FileUtils::createNewFile(path);
+  ASSERT_NE(file, nullptr) << std::strerror(errno);
+  std::setvbuf(file, nullptr, _IONBF, 0);
+  EXPECT_EQ(std::fwrite("abcdef", 1, 6, file), 6u);
+  EXPECT_TRUE(FileUtils::truncateFile(file, 2));
+  EXPECT_EQ(std::fwrite("XY", 1, 2, file), 2u);
+  EXPECT_TRUE(FileUtils::truncateFile(file, 0));
+  EXPECT_EQ(std::fwrite("0123", 1, 4, file), 4u);
+  EXPECT_EQ(std::fclose(file), 0);
+  EXPECT_EQ(readFile(path), "0123");
+  EXPECT_FALSE(FileUtils::truncateFile(nullptr, 0));
+}
+
 TEST(FileCreation, CreateNewFileRefusesATakenName) {
   TempDir dir;
   const auto path = dir.file("taken");

@@ -137,6 +137,28 @@ TEST_P(ResumeFaults, CutsFallAtMultiplesCountedFromTheFilesStart) {
   EXPECT_TRUE(sameBytes(last.body, bytes.substr(90000)));
 }
 
+TEST_P(ResumeFaults, DropsAndStallsCountFromTheFilesStart) {
+  const std::string drop = path + "?quill_drop_after=30000";
+  const auto partly = get(drop, {{"Range", "bytes=10000-"}});
+  EXPECT_FALSE(partly.complete);
+  EXPECT_TRUE(sameBytes(partly.body, bytes.substr(10000, 20000)));
+  const auto beyond = get(drop, {{"Range", "bytes=30000-"}});
+  EXPECT_FALSE(beyond.complete);
+  EXPECT_EQ(beyond.body.size(), 0u);
+
+  auto client = clientFor(*service);
+  client->set_read_timeout(std::chrono::milliseconds(300));
+  std::string stalled;
+  const auto reply =
+      client->Get((path + "?quill_stall_after=30000").c_str(), {{"Range", "bytes=20000-"}},
+                  [&](const char* data, std::size_t size) {
+                    stalled.append(data, size);
+                    return true;
+                  });
+  EXPECT_NE(reply.error(), httplib::Error::Success);
+  EXPECT_TRUE(sameBytes(stalled, bytes.substr(20000, 10000)));
+}
+
 TEST_P(ResumeFaults, CutsComeAsRulesFromTheControlEndpoint) {
   auto client = clientFor(*service);
   const auto added =

@@ -19,16 +19,6 @@ namespace {
 
 class DownloadModes : public OverBothSchemes {
 protected:
-  // Places `size` pattern bytes in the service's store; returns the path to GET.
-  std::string storePattern(const std::string& key, std::uint64_t size) {
-    const auto local = dir.file("source-" + key);
-    writePatternFile(local, size);
-    const auto urlPath = service().addFile(key, local);
-    EXPECT_FALSE(urlPath.empty()) << "the service did not take " << key;
-    return urlPath;
-  }
-
-  TempDir dir;
 };
 
 }  // namespace

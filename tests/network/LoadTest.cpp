@@ -71,7 +71,6 @@ private:
 
 class Load : public OverBothSchemes {
 protected:
-  TempDir dir;
 };
 
 }  // namespace

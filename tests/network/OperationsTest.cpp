@@ -106,7 +106,6 @@ protected:
     return signedUrl.empty() ? url("/objects/" + key) : signedUrl;
   }
 
-  TempDir dir;
   // When set, the URL a PUT goes to (no signature is asked for then).
   std::string presignedPut;
   std::string upload;

@@ -50,6 +50,14 @@ std::string signedObjectUrl(quill_fileservice::FileService& service, const std::
   return JSONUtils::optString("uploadPath", json, "");
 }
 
+std::string OverBothSchemes::storePattern(const std::string& key, std::uint64_t size) {
+  const auto local = dir.file("source-" + key);
+  writePatternFile(local, size);
+  const auto urlPath = service().addFile(key, local);
+  EXPECT_FALSE(urlPath.empty()) << "the service did not take " << key;
+  return urlPath;
+}
+
 std::string urlPathOf(const std::string& serviceReference) {
   if (serviceReference.rfind("//", 0) != 0) {
     return serviceReference;

@@ -7,8 +7,11 @@
 
 #include <quill_fileservice/FileService.h>
 
+#include "TestSupport.h"
+
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
 
 namespace quill_test {
@@ -34,6 +37,11 @@ protected:
   std::string url(const std::string& pathAndQuery) const {
     return service().baseUrl() + pathAndQuery;
   }
+  // Places `size` pattern bytes in the service's store under `key`; returns the path to GET.
+  std::string storePattern(const std::string& key, std::uint64_t size);
+
+  // The test's own directory.
+  TempDir dir;
 };
 
 }  // namespace quill_test

@@ -31,7 +31,6 @@ protected:
     return runProbe(probe, arguments, std::chrono::seconds(60));
   }
 
-  TempDir dir;
   std::string slowUrl;
 };
 

@@ -24,14 +24,11 @@ std::vector<HttpPartData> directUploadParts(const std::string& filePath) {
 
 class MultipartUpload : public OverBothSchemes {
 protected:
-  TempDir dir;
 };
 
 class PutUpload : public OverBothSchemes {
 protected:
   std::string signedUploadUrl(const std::string& key) { return signedObjectUrl(service(), key); }
-
-  TempDir dir;
 };
 
 }  // namespace

@@ -45,6 +45,14 @@ public:
     });
   }
 
+  // Lines of that level whose message holds `fragment` somewhere.
+  int countContaining(log4cplus::LogLevel level, const std::string& fragment) const {
+    const auto all = lines();
+    return static_cast<int>(std::count_if(all.begin(), all.end(), [&](const CapturedLog& log) {
+      return log.level == level && log.message.find(fragment) != std::string::npos;
+    }));
+  }
+
   int count(const std::string& message) const {
     const auto all = lines();
     return static_cast<int>(std::count_if(

@@ -19,7 +19,7 @@ namespace quill_network_detail {
 namespace {
 
 // The longest the network thread sleeps without news; libcurl wakes it sooner for its own timers.
-constexpr int kMaxPollMs = 1000;
+constexpr long kMaxPollMs = 1000;
 
 }  // namespace
 
@@ -140,13 +140,15 @@ void CurlEngine::run() {
         cancels.swap(queuedCancels);
       }
       handleQueued(std::move(starts), std::move(cancels));
+      resumeTheDue();
       int running = 0;
       const CURLMcode performed = curl_multi_perform(multi.get(), &running);
       if (performed != CURLM_OK) {
         QLOG_ERROR("curl_multi_perform failed: " << curl_multi_strerror(performed));
       }
       collectFinished();
-      const CURLMcode polled = curl_multi_poll(multi.get(), nullptr, 0, kMaxPollMs, nullptr);
+      const CURLMcode polled =
+          curl_multi_poll(multi.get(), nullptr, 0, static_cast<int>(pollTimeoutMs()), nullptr);
       if (polled != CURLM_OK) {
         QLOG_ERROR("curl_multi_poll failed: " << curl_multi_strerror(polled));
       }
@@ -239,14 +241,79 @@ void CurlEngine::collectFinished() {
       QLOG_ERROR("libcurl reported a transfer the engine does not know");
       continue;
     }
+    const CurlTransfer::Resume next = finished->resumeAfter(result);
+    if (next.when == CurlTransfer::Resume::When::Now && resume(*finished)) {
+      continue;
+    }
+    if (next.when == CurlTransfer::Resume::When::Later) {
+      waitingResumes.push_back({std::chrono::steady_clock::now() + next.wait, finished->id()});
+      continue;
+    }
     std::unique_ptr<CurlTransfer> transfer = std::move(found->second);
     active.erase(found);
-    const std::string id = transfer->id();
-    auto response = transfer->finish(result);
-    auto completion = transfer->takeCompletion();
-    transfer.reset();
-    complete(id, completion, response);
+    end(std::move(transfer), result);
   }
+}
+
+void CurlEngine::end(std::unique_ptr<CurlTransfer> transfer, CURLcode result) {
+  const std::string id = transfer->id();
+  auto response = transfer->finish(result);
+  auto completion = transfer->takeCompletion();
+  transfer.reset();
+  complete(id, completion, response);
+}
+
+bool CurlEngine::resume(CurlTransfer& transfer) {
+  if (!transfer.prepareResume()) {
+    return false;
+  }
+  const CURLMcode added = curl_multi_add_handle(multi.get(), transfer.handle());
+  if (added != CURLM_OK) {
+    QLOG_ERROR("transfer " << transfer.id()
+                           << " could not ask for its rest: " << curl_multi_strerror(added));
+    return false;
+  }
+  return true;
+}
+
+void CurlEngine::resumeTheDue() {
+  if (waitingResumes.empty()) {
+    return;
+  }
+  const auto now = std::chrono::steady_clock::now();
+  std::vector<WaitingResume> due;
+  for (auto waiting = waitingResumes.begin(); waiting != waitingResumes.end();) {
+    if (waiting->due <= now) {
+      due.push_back(std::move(*waiting));
+      waiting = waitingResumes.erase(waiting);
+    } else {
+      ++waiting;
+    }
+  }
+  for (const WaitingResume& waiting : due) {
+    auto found = active.find(waiting.id);
+    if (found == active.end()) {
+      continue;  // cancelled while it waited
+    }
+    if (!resume(*found->second)) {
+      std::unique_ptr<CurlTransfer> transfer = std::move(found->second);
+      active.erase(found);
+      const CURLcode result = transfer->lastResult();
+      end(std::move(transfer), result);
+    }
+  }
+}
+
+long CurlEngine::pollTimeoutMs() const {
+  long timeout = kMaxPollMs;
+  const auto now = std::chrono::steady_clock::now();
+  for (const WaitingResume& waiting : waitingResumes) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(waiting.due - now).count() + 1;
+    // Parenthesised: windows.h defines min and max as macros.
+    timeout = (std::min)(timeout, (std::max)(0L, static_cast<long>(left)));
+  }
+  return timeout;
 }
 
 void CurlEngine::complete(const std::string& id, const HttpClient::CompletionFunction& completion,

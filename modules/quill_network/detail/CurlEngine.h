@@ -7,6 +7,7 @@
 #include "detail/TransferSettings.h"
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -57,6 +58,12 @@ private:
   void launch(QueuedStart queued);
   void cancelActive(const std::string& id);
   void collectFinished();
+  // Asks for the rest of a cut-off download; false when it could not be set up.
+  bool resume(CurlTransfer& transfer);
+  void resumeTheDue();
+  // How long the network thread may sleep before a waiting resume is due.
+  long pollTimeoutMs() const;
+  void end(std::unique_ptr<CurlTransfer> transfer, CURLcode result);
   void complete(const std::string& id, const HttpClient::CompletionFunction& completion,
                 const std::shared_ptr<HttpResponse>& response);
   void abandonAll();
@@ -73,8 +80,14 @@ private:
 
   ShareHandle share;
   MultiHandle multi;
-  // The network thread's own: every transfer that was added to the multi handle.
+  // The network thread's own: every transfer that was added to the multi handle, and cut-off
+  // downloads waiting to ask for their rest (out of the multi handle until their time comes).
   std::unordered_map<std::string, std::unique_ptr<CurlTransfer>> active;
+  struct WaitingResume {
+    std::chrono::steady_clock::time_point due;
+    std::string id;
+  };
+  std::vector<WaitingResume> waitingResumes;
   std::mutex joinMutex;  // one joiner at a time
   std::thread worker;
 #if defined(_WIN32)

@@ -4,7 +4,9 @@
 #include <quill_base/Logger.h>
 
 #include <algorithm>
+#include <cctype>
 #include <exception>
+#include <random>
 
 namespace quill_network_detail {
 namespace {
@@ -31,6 +33,36 @@ std::string trimLineEnd(const char* data, std::size_t size) {
     line.pop_back();
   }
   return line;
+}
+
+// The value of the header line "Name: value" when its name is `lowerName` (compared without
+// case); false for another header.
+bool headerValue(const std::string& line, const char* lowerName, std::string& value) {
+  const std::size_t length = std::char_traits<char>::length(lowerName);
+  if (line.size() <= length || line[length] != ':') {
+    return false;
+  }
+  for (std::size_t i = 0; i < length; ++i) {
+    if (std::tolower(static_cast<unsigned char>(line[i])) != lowerName[i]) {
+      return false;
+    }
+  }
+  std::size_t start = length + 1;
+  while (start < line.size() && (line[start] == ' ' || line[start] == '\t')) {
+    ++start;
+  }
+  value = line.substr(start);
+  return true;
+}
+
+// The wait before the `barren`-th attempt in a row that brought no byte: the first wait doubled
+// each time, give or take a quarter so that many clients cut off together do not come back
+// together.
+std::chrono::milliseconds resumeWait(long firstWaitMs, int barren) {
+  static thread_local std::minstd_rand random(std::random_device{}());
+  std::uniform_real_distribution<double> jitter(0.75, 1.25);
+  const double base = static_cast<double>(firstWaitMs) * static_cast<double>(1L << (barren - 1));
+  return std::chrono::milliseconds(static_cast<long long>(base * jitter(random)));
 }
 
 }  // namespace
@@ -177,6 +209,12 @@ bool CurlTransfer::buildMultipart() {
 }
 
 bool CurlTransfer::setHeaders() {
+  return buildHeaderList(headers, std::string()) &&
+         (headers.get() == nullptr ||
+          setOption(easy.get(), CURLOPT_HTTPHEADER, headers.get(), localError));
+}
+
+bool CurlTransfer::buildHeaderList(HeaderList& list, const std::string& extraLine) {
   for (const auto& [name, value] : spec.headers) {
     // A line break would end the header early and let the rest pass as headers of its own.
     if (name.empty() || name.find_first_of(":\r\n") != std::string::npos ||
@@ -186,13 +224,16 @@ bool CurlTransfer::setHeaders() {
     }
     // "Name;" is how libcurl is told to send a header with an empty value.
     const std::string line = value.empty() ? name + ";" : name + ": " + value;
-    if (!headers.append(line)) {
+    if (!list.append(line)) {
       localError = "libcurl could not add the header " + name;
       return false;
     }
   }
-  return headers.get() == nullptr ||
-         setOption(easy.get(), CURLOPT_HTTPHEADER, headers.get(), localError);
+  if (!extraLine.empty() && !list.append(extraLine)) {
+    localError = "libcurl could not add the header " + extraLine;
+    return false;
+  }
+  return true;
 }
 
 long CurlTransfer::responseCode() const {
@@ -212,16 +253,16 @@ std::size_t CurlTransfer::onWrite(char* data, std::size_t size, std::size_t coun
     return bytes;
   }
   if (transfer->download) {
-    if (transfer->downloadLength < 0 && transfer->download->bytesWritten() == 0) {
-      curl_off_t length = -1;
-      curl_easy_getinfo(transfer->easy.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
-      transfer->downloadLength = length;
+    if (!transfer->bodyBegun && !transfer->beginBody()) {
+      return 0;  // anything short of `bytes` makes libcurl fail the transfer
     }
     if (!transfer->download->write(data, bytes)) {
       transfer->localError = transfer->download->error();
       transfer->localErrno = transfer->download->systemError();
-      return 0;  // anything short of `bytes` makes libcurl fail the transfer
+      return 0;
     }
+    transfer->attemptBytes += static_cast<curl_off_t>(bytes);
+    transfer->receivedAny = true;
     return bytes;
   }
   const std::size_t room = kMaxReplyBody - std::min(kMaxReplyBody, transfer->replyBody.size());
@@ -232,10 +273,66 @@ std::size_t CurlTransfer::onWrite(char* data, std::size_t size, std::size_t coun
 std::size_t CurlTransfer::onHeader(char* data, std::size_t size, std::size_t count, void* self) {
   auto* transfer = static_cast<CurlTransfer*>(self);
   const std::size_t bytes = size * count;
-  if (bytes > 5 && std::equal(data, data + 5, "HTTP/")) {
-    transfer->statusLine = trimLineEnd(data, bytes);
-  }
+  transfer->noteHeader(trimLineEnd(data, bytes));
   return bytes;
+}
+
+void CurlTransfer::noteHeader(const std::string& line) {
+  if (line.size() > 5 && line.compare(0, 5, "HTTP/") == 0) {
+    // A new reply (after a redirect or an interim 100): nothing of the last one applies.
+    statusLine = line;
+    replyEtag.clear();
+    replyLastModified.clear();
+    replyContentRange.clear();
+    return;
+  }
+  if (!download) {
+    return;
+  }
+  std::string value;
+  if (headerValue(line, "etag", value)) {
+    replyEtag = value;
+  } else if (headerValue(line, "last-modified", value)) {
+    replyLastModified = value;
+  } else if (headerValue(line, "content-range", value)) {
+    replyContentRange = value;
+  }
+}
+
+bool CurlTransfer::beginBody() {
+  bodyBegun = true;
+  const long status = responseCode();
+  curl_off_t length = -1;
+  curl_easy_getinfo(easy.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
+  attemptLength = length;
+  bool fromTheStart = true;
+  if (resumeFrom > 0 && status == 206) {
+    ContentRange range;
+    if (!parseContentRange(replyContentRange, range) || range.first != resumeFrom) {
+      localError = "the server resumed the download with \"Content-Range: " + replyContentRange +
+                   "\" where byte " + std::to_string(resumeFrom) + " was asked for";
+      return false;
+    }
+    fromTheStart = false;
+    downloadLength = range.complete >= 0 ? range.complete : length >= 0 ? resumeFrom + length : -1;
+  } else if (resumeFrom > 0 || download->bytesWritten() > 0) {
+    // The whole file again (a 200): the server would not resume, or the file changed since.
+    QLOG_INFO("transfer " << transferId << ": the server sends the whole file again (" << statusLine
+                          << "); starting over from byte 0");
+    if (!download->restart()) {
+      localError = download->error();
+      localErrno = download->systemError();
+      return false;
+    }
+    resumeFrom = 0;
+  }
+  if (fromTheStart) {
+    beganWithStatus = status;
+    downloadLength = length;
+    // The version this file is: later attempts ask for the rest of this one only.
+    validator = !replyEtag.empty() && replyEtag.rfind("W/", 0) != 0 ? replyEtag : replyLastModified;
+  }
+  return true;
 }
 
 int CurlTransfer::onProgress(void* self, curl_off_t /*downloadTotal*/, curl_off_t downloaded,
@@ -270,6 +367,7 @@ bool CurlTransfer::stalled(curl_off_t moved) {
   }
   localError = "the transfer stalled: no byte moved for " + std::to_string(settings.stallSeconds) +
                " seconds";
+  stallTripped = true;
   return true;
 }
 
@@ -335,6 +433,83 @@ std::string CurlTransfer::describeFailure(CURLcode result) const {
   return curl_easy_strerror(result);
 }
 
+bool CurlTransfer::isCutOff(CURLcode result) const {
+  switch (result) {
+    case CURLE_PARTIAL_FILE:
+    case CURLE_RECV_ERROR:
+    case CURLE_SEND_ERROR:
+    case CURLE_GOT_NOTHING:
+    case CURLE_OPERATION_TIMEDOUT:
+    case CURLE_HTTP2:
+    case CURLE_HTTP2_STREAM:
+    // Asking again for the rest meets a server that is not back yet, or a handshake cut short.
+    case CURLE_COULDNT_CONNECT:
+    case CURLE_SSL_CONNECT_ERROR:
+      return localError.empty();
+    case CURLE_ABORTED_BY_CALLBACK:
+      return stallTripped;
+    case CURLE_OK:
+      // Content-Length is a promise: a body that ends short of it was cut off.
+      return isSuccess(responseCode()) && attemptLength >= 0 && attemptBytes < attemptLength;
+    default:
+      return false;
+  }
+}
+
+CurlTransfer::Resume CurlTransfer::resumeAfter(CURLcode result) {
+  lastAttemptResult = result;
+  Resume resume;
+  if (!download || !receivedAny || quiet.load(std::memory_order_relaxed) || !isCutOff(result)) {
+    return resume;
+  }
+  // A reply that is not the file (an error status) ends the download as it always did.
+  const long status = responseCode();
+  if (status != 0 && !isSuccess(status)) {
+    return resume;
+  }
+  if (attemptBytes > 0) {
+    barrenAttempts = 0;
+    resume.when = Resume::When::Now;
+  } else if (++barrenAttempts <= kMaxResumeWaits) {
+    resume.when = Resume::When::Later;
+    resume.wait = resumeWait(settings.resumeWaitMs, barrenAttempts);
+  } else {
+    QLOG_WARN("transfer " << transferId << ": " << barrenAttempts
+                          << " attempts in a row brought no byte; giving up");
+    return resume;
+  }
+  QLOG_INFO("transfer " << transferId << " cut off after " << download->bytesWritten() << " bytes ("
+                        << describeFailure(result) << "); asking for the rest "
+                        << (resume.when == Resume::When::Now
+                                ? std::string("now")
+                                : "in " + std::to_string(resume.wait.count()) + " ms"));
+  return resume;
+}
+
+bool CurlTransfer::prepareResume() {
+  ++resumeCount;
+  resumeFrom = validator.empty() ? 0 : static_cast<curl_off_t>(download->bytesWritten());
+  attemptBytes = 0;
+  attemptLength = -1;
+  bodyBegun = false;
+  stallTripped = false;
+  localError.clear();
+  localErrno = 0;
+  errorBuffer[0] = '\0';
+  statusLine.clear();
+  lastMoved = 0;
+  lastMovement = std::chrono::steady_clock::now();
+  if (resumeFrom == 0) {
+    // No validator to make sure the rest belongs to the same file: the whole of it again.
+    return setOption(easy.get(), CURLOPT_RANGE, static_cast<const char*>(nullptr), localError);
+  }
+  const std::string range = std::to_string(resumeFrom) + "-";
+  resumeHeaders = HeaderList();
+  return buildHeaderList(resumeHeaders, "If-Range: " + validator) &&
+         setOption(easy.get(), CURLOPT_HTTPHEADER, resumeHeaders.get(), localError) &&
+         setOption(easy.get(), CURLOPT_RANGE, range.c_str(), localError);
+}
+
 std::shared_ptr<HttpResponse> CurlTransfer::failedToStart() const {
   auto response = std::make_shared<HttpResponse>();
   response->outcome = HttpResponse::kFailed;
@@ -346,10 +521,19 @@ std::shared_ptr<HttpResponse> CurlTransfer::failedToStart() const {
 std::shared_ptr<HttpResponse> CurlTransfer::finish(CURLcode result) {
   auto response = std::make_shared<HttpResponse>();
   const long status = responseCode();
-  // An interim reply (100 Continue) is not the status of the transfer.
+  // An interim reply (100 Continue) is not the status of the transfer. A resumed download reports
+  // the status of the reply its file began with: the 206s of its later attempts (or their lack of
+  // any reply) are how the file was fetched, not what it is.
   response->status = status >= 200 ? static_cast<int>(status) : 0;
+  if (resumeCount > 0 && (status == 206 || status < 200) && beganWithStatus != 0) {
+    response->status = static_cast<int>(beganWithStatus);
+  }
   response->outcome = HttpResponse::kFailed;
-  if (result != CURLE_OK || !localError.empty()) {
+  const bool shortBody = result == CURLE_OK && download && localError.empty() && isCutOff(result);
+  if (shortBody) {
+    response->text = "the reply ended after " + std::to_string(attemptBytes) + " of its " +
+                     std::to_string(attemptLength) + " bytes";
+  } else if (result != CURLE_OK || !localError.empty()) {
     response->text = describeFailure(result);
     const auto* unreadable = unreadableFile();
     response->systemError = !localError.empty() ? localErrno

@@ -37,6 +37,23 @@ public:
   bool prepare(CURLSH* share);
   std::shared_ptr<HttpResponse> failedToStart() const;
 
+  // Whether a download goes on after the attempt that just ended with `result`: when its body was
+  // cut off (connection reset or closed early, the stall guard, a timeout, a TLS read error) after
+  // some bytes of it had arrived, the rest is asked for again at once if this attempt brought new
+  // bytes, after a growing wait if it brought none, and never after kMaxBarrenAttempts of those in
+  // a row. Anything else, and any other kind of transfer, ends as it ends without resuming.
+  struct Resume {
+    enum class When { Never, Now, Later };
+    When when = When::Never;
+    std::chrono::milliseconds wait{0};
+  };
+  Resume resumeAfter(CURLcode result);
+  // Sets the easy handle up to ask for the rest (Range from the bytes written, If-Range with the
+  // first reply's validator); false when it cannot, and the transfer then ends with
+  // finish(lastResult()).
+  bool prepareResume();
+  CURLcode lastResult() const { return lastAttemptResult; }
+
   // The response for the result libcurl reported; on success the final progress report is made.
   std::shared_ptr<HttpResponse> finish(CURLcode result);
   // The response of a transfer ended by cancelRequest(); the partial download file is removed.
@@ -58,6 +75,13 @@ private:
   bool setKindOptions();
   bool buildMultipart();
   bool setHeaders();
+  bool buildHeaderList(HeaderList& list, const std::string& extraLine);
+  // At the first body byte of an attempt: checks that a resumed reply continues where the file
+  // ends (a 206 from that byte) or starts it over (a 200), and takes the reply's length and
+  // validator. False, with localError set, when the reply cannot be used.
+  bool beginBody();
+  void noteHeader(const std::string& line);
+  bool isCutOff(CURLcode result) const;
   long responseCode() const;
   std::string describeFailure(CURLcode result) const;
   // The file being sent (a PUT's, or a multipart part's) that could not be read; null when none.
@@ -90,8 +114,32 @@ private:
   // errno behind localError, when a system call failed.
   int localErrno = 0;
   char errorBuffer[CURL_ERROR_SIZE] = {};
-  // Content-Length of the successful reply of a download; -1 when unknown.
+  // Length of the whole file being downloaded; -1 while unknown.
   curl_off_t downloadLength = -1;
+
+  // Resuming a download. The headers of the reply being received (reset at each status line):
+  std::string replyEtag;
+  std::string replyLastModified;
+  std::string replyContentRange;
+  // What If-Range sends: the first reply's strong ETag, else its Last-Modified; empty when it had
+  // neither, and the rest is then never asked for: the whole file is fetched again instead.
+  std::string validator;
+  // Where the current attempt asked the body to start (0: the whole file).
+  curl_off_t resumeFrom = 0;
+  // Body bytes of the current attempt, and its Content-Length (-1 when unknown).
+  curl_off_t attemptBytes = 0;
+  curl_off_t attemptLength = -1;
+  bool bodyBegun = false;
+  // Status of the reply whose body the file begins with.
+  long beganWithStatus = 0;
+  // True once any byte of the body reached the file: only then is a cut resumed.
+  bool receivedAny = false;
+  bool stallTripped = false;
+  int resumeCount = 0;
+  // Attempts in a row that ended without bringing a byte.
+  int barrenAttempts = 0;
+  CURLcode lastAttemptResult = CURLE_OK;
+  HeaderList resumeHeaders;
   curl_off_t uploadLength = 0;
   ProgressThrottle throttle;
   curl_off_t lastMoved = 0;

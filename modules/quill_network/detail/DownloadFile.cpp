@@ -70,6 +70,20 @@ bool DownloadFile::flush() {
   return written;
 }
 
+bool DownloadFile::restart() {
+  if (file == nullptr) {
+    lastError = "the download file " + path + " is not open";
+    return false;
+  }
+  pending.clear();
+  if (!FileUtils::truncateFile(file, 0)) {
+    fail("emptying " + path + " failed");
+    return false;
+  }
+  total = 0;
+  return true;
+}
+
 bool DownloadFile::commit() {
   if (file == nullptr) {
     lastError = "the download file " + path + " is not open";

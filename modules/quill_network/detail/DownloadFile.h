@@ -23,6 +23,9 @@ public:
   bool open();
   // False when the bytes could not be written (the reason is in error()).
   bool write(const char* data, std::size_t size);
+  // Drops every byte written so far and goes on from the file's start, for a server that sends the
+  // whole file again where the rest was asked for; false on a file error.
+  bool restart();
   // Writes what is gathered and closes the file, which then stays; false on a write error.
   bool commit();
   // Closes the file and removes it from disk, if this object created it: a file that was there

@@ -14,18 +14,22 @@ namespace quill_network_detail {
 namespace {
 
 constexpr long kDefaultStallSeconds = 30;
+constexpr long kDefaultResumeWaitMs = 500;
 
-long stallSecondsFrom(const char* text) {
+// A positive number from the environment variable `name`; `fallback` when it is unset, and with a
+// warning when it holds anything else.
+long positiveFromEnvironment(const char* name, const char* unit, long fallback) {
+  const char* text = std::getenv(name);
   if (text == nullptr || *text == '\0') {
-    return kDefaultStallSeconds;
+    return fallback;
   }
   long value = 0;
   const char* end = text + std::strlen(text);
   const auto parsed = std::from_chars(text, end, value);
   if (parsed.ec != std::errc() || parsed.ptr != end || value <= 0) {
-    QLOG_WARN("QUILL_HTTP_STALL_SECONDS=\""
-              << text << "\" is not a positive number of seconds; using " << kDefaultStallSeconds);
-    return kDefaultStallSeconds;
+    QLOG_WARN(name << "=\"" << text << "\" is not a positive number of " << unit << "; using "
+                   << fallback);
+    return fallback;
   }
   return value;
 }
@@ -37,7 +41,10 @@ TransferSettings TransferSettings::fromEnvironment() {
   if (const char* bundle = std::getenv("QUILL_CA_BUNDLE")) {
     settings.caBundle = bundle;
   }
-  settings.stallSeconds = stallSecondsFrom(std::getenv("QUILL_HTTP_STALL_SECONDS"));
+  settings.stallSeconds =
+      positiveFromEnvironment("QUILL_HTTP_STALL_SECONDS", "seconds", kDefaultStallSeconds);
+  settings.resumeWaitMs =
+      positiveFromEnvironment("QUILL_HTTP_RESUME_WAIT_MS", "milliseconds", kDefaultResumeWaitMs);
   return settings;
 }
 

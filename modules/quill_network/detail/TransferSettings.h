@@ -14,6 +14,9 @@ struct TransferSettings {
   // QUILL_HTTP_STALL_SECONDS: a transfer fails once no byte moved either way for this long
   // (default 30; checked about once a second).
   long stallSeconds = 30;
+  // QUILL_HTTP_RESUME_WAIT_MS: the first wait before asking again for the rest of a download whose
+  // last attempt brought no byte; each further one doubles it (default 500).
+  long resumeWaitMs = 500;
 
   static TransferSettings fromEnvironment();
 };
@@ -32,6 +35,10 @@ constexpr long kSendBufferBytes = 64 * 1024;
 // Downloads collect received bytes up to this size before writing them to the file (TLS delivers
 // them in records of 16 KiB at most, whatever the receive buffer).
 constexpr std::size_t kFileWriteChunk = 1024 * 1024;
+// How many times in a row a download waits before asking again for its rest when the attempts
+// bring no byte: the waits are resumeWaitMs and then 2, 4, 8 and 16 times that (0.5, 1, 2, 4 and
+// 8 s by default); the next barren attempt fails the download.
+constexpr int kMaxResumeWaits = 5;
 // Progress reports of one transfer are at least this far apart (about 20 a second).
 constexpr int kProgressIntervalMs = 50;
 

@@ -34,7 +34,7 @@ bool BodyShaper::write(httplib::DataSink& sink, const char* data, std::size_t si
       chunk = std::min(chunk, slice);
     }
     if (fault.dropAfterBytes >= 0) {
-      const auto limit = static_cast<std::uint64_t>(fault.dropAfterBytes);
+      const std::uint64_t limit = untilByte(fault.dropAfterBytes);
       if (sent >= limit) {
         return false;
       }
@@ -50,7 +50,7 @@ bool BodyShaper::write(httplib::DataSink& sink, const char* data, std::size_t si
       chunk = std::min(chunk, limit - sent);
     }
     if (fault.stallAfterBytes >= 0) {
-      const auto limit = static_cast<std::uint64_t>(fault.stallAfterBytes);
+      const std::uint64_t limit = untilByte(fault.stallAfterBytes);
       if (sent >= limit) {
         stall();
         return false;
@@ -76,6 +76,11 @@ bool BodyShaper::write(httplib::DataSink& sink, const char* data, std::size_t si
     size -= static_cast<std::size_t>(chunk);
   }
   return true;
+}
+
+std::uint64_t BodyShaper::untilByte(std::int64_t fileOffset) const {
+  const auto offset = static_cast<std::uint64_t>(fileOffset);
+  return offset > startOffset ? offset - startOffset : 0;
 }
 
 void BodyShaper::stall() {

@@ -12,11 +12,11 @@
 
 namespace quill_fileservice::detail {
 
-// Sends a reply body the way a fault says: at most bytesPerSecond, the connection dropped after
-// dropAfterBytes, or sending stopped after stallAfterBytes with the connection held open until the
-// client closes it, the service stops or a safety limit of ten minutes passes. Counts the bytes of
-// one reply from zero, whatever offset (range) the body starts at; only cutEveryBytes counts from
-// the file's start, which is where the body begins plus `startOffset`.
+// Sends a reply body the way a fault says: at most bytesPerSecond, the connection dropped at
+// dropAfterBytes or at each multiple of cutEveryBytes, or sending stopped at stallAfterBytes with
+// the connection held open until the client closes it, the service stops or a safety limit of ten
+// minutes passes. Those limits are offsets in the file: a reply to a range that starts at
+// `startOffset` counts from there, and one that starts beyond a drop or a stall sends nothing.
 class BodyShaper {
 public:
   BodyShaper(const Fault& fault, const StopSignal& stop, ConnectionId connection);
@@ -34,6 +34,8 @@ public:
 
 private:
   void stall();
+  // Bytes of this reply until the file offset `fileOffset` (0 when the reply began beyond it).
+  std::uint64_t untilByte(std::int64_t fileOffset) const;
 
   Fault fault;
   const StopSignal& stop;

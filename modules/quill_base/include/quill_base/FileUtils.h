@@ -55,6 +55,10 @@ public:
   // (0666 less the umask), for a temporary file that becomes a user's file once complete. Nothing
   // to do on Windows. False when the permissions could not be changed.
   static bool makeShareable(std::FILE* file);
+  // Cuts an open file (written through the stdio stream `file`) to `size` bytes and puts the
+  // stream's position there, for a writer that starts part of its output over. False, with errno
+  // set, when it cannot.
+  static bool truncateFile(std::FILE* file, std::uint64_t size);
   // createNewFile, the bytes written, the file made shareable (it is whole by then) and closed;
   // false (nothing left behind) on failure, with errno set.
   static bool writeNewFile(const std::string& path, const void* data, std::size_t size);

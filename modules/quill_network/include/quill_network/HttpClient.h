@@ -24,6 +24,14 @@
 // without touching it. The file is private to its owner while it grows and gets the permissions of
 // an ordinary new file once complete. A download that fails or is cancelled removes the file it
 // created, and only that.
+//
+// A download whose body is cut off after some of it arrived (connection reset or closed early, a
+// body shorter than its Content-Length, the stall guard, a timeout, a TLS read error) asks for the
+// rest with Range and If-Range (the first reply's strong ETag, else its Last-Modified) and appends
+// it; a server that sends the whole file again instead is written from the start. An attempt that
+// brought new bytes is followed at once by the next; attempts that bring none wait 0.5, 1, 2, 4 and
+// 8 s (QUILL_HTTP_RESUME_WAIT_MS sets the first wait), and a sixth such attempt fails the download.
+// None of this shows in the callbacks: progress keeps moving forward, and completion comes once.
 class QUILL_NETWORK_EXPORT HttpClient {
 public:
   using ProgressFunction = std::function<void(double done, double total)>;

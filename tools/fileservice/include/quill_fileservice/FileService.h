@@ -55,9 +55,12 @@ struct Fault {
   int delayMs = 0;
   // Send a reply body at most this many bytes a second (0: unthrottled).
   std::int64_t bytesPerSecond = 0;
-  // Close the connection after this many body bytes (-1: never).
+  // Close the connection after this many body bytes (-1: never). Counted from the file's start: a
+  // request for a range that starts there or beyond gets no byte, as a resumed download would meet
+  // a fault that does not go away.
   std::int64_t dropAfterBytes = -1;
-  // Stop sending, connection held open, after this many body bytes (-1: never).
+  // Stop sending, connection held open, after this many body bytes (-1: never); counted as
+  // dropAfterBytes.
   std::int64_t stallAfterBytes = -1;
   // Close the connection whenever a download's body reaches a multiple of this many bytes of the
   // file, counted from the file's start (-1: never): a request resumed at such a multiple gets up

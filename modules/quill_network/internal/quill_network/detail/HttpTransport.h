@@ -8,6 +8,7 @@
 #include <quill_network/HttpClient.h>
 #include <quill_network/quill_network_export.h>
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -52,10 +53,21 @@ QUILL_NETWORK_EXPORT std::shared_ptr<HttpTransport> installTransport(
 // "a=1&b=x%20y": the form url-encoded in key order (RFC 3986 unreserved characters kept).
 std::string encodeForm(const std::map<std::string, std::string>& form);
 
+// The Content-Range of a reply: "bytes <first>-<last>/<complete>" (complete "*": -1) or, answering
+// a range that cannot be satisfied, "bytes */<complete>" (first and last -1).
+struct ContentRange {
+  std::int64_t first = -1;
+  std::int64_t last = -1;
+  std::int64_t complete = -1;
+};
+// False, `range` unchanged, for anything but those two forms with first <= last < complete.
+bool parseContentRange(const std::string& value, ContentRange& range);
+
 // What the project's tests reach of the engine's internals; defined and exported in
-// quill_network_testing only (the shipped library keeps encodeForm to itself, also as a DLL).
+// quill_network_testing only (the shipped library keeps them to itself, also as a DLL).
 namespace testing {
 QUILL_NETWORK_EXPORT std::string encodeForm(const std::map<std::string, std::string>& form);
+QUILL_NETWORK_EXPORT bool parseContentRange(const std::string& value, ContentRange& range);
 }  // namespace testing
 
 }  // namespace quill_network_detail
