@@ -84,6 +84,18 @@ TEST_F(CliTest, JsonGivesOneRecordPerRequest) {
   EXPECT_EQ(good["bytes"].asInt64(), 256 * 1024 + 5);
   EXPECT_GE(good["seconds"].asDouble(), 0.0);
   EXPECT_TRUE(FileUtils::sameContent(good["path"].asString(), local));
+  // Where the transfer's time went, as the library measured it.
+  const auto timeline = good["timeline"];
+  EXPECT_EQ(timeline["method"].asString(), "GET");
+  EXPECT_EQ(timeline["host"].asString(), "127.0.0.1");
+  EXPECT_EQ(timeline["status"].asInt(), 200);
+  EXPECT_EQ(timeline["bytes"].asInt64(), 256 * 1024 + 5);
+  EXPECT_EQ(timeline["resumes"].asInt(), 0);
+  EXPECT_FALSE(timeline["httpVersion"].asString().empty());
+  EXPECT_GT(timeline["firstByteMs"].asDouble(), 0.0);
+  EXPECT_GE(timeline["endMs"].asDouble(), timeline["firstByteMs"].asDouble());
+  EXPECT_GT(timeline["bytesPerSecond"].asDouble(), 0.0);
+  EXPECT_EQ(timeline["cause"].asString(), "");
 
   records.erase(CloudEnvironment::url(path));
   const auto missing = records.begin()->second;
@@ -92,6 +104,8 @@ TEST_F(CliTest, JsonGivesOneRecordPerRequest) {
   EXPECT_FALSE(missing["message"].asString().empty());
   EXPECT_EQ(missing["bytes"].asInt64(), 0);
   EXPECT_FALSE(FileUtils::fileExists(missing["path"].asString()));
+  EXPECT_EQ(missing["timeline"]["status"].asInt(), 404);
+  EXPECT_EQ(missing["timeline"]["cause"].asString(), "HTTP 404");
 
   const auto image = work.file("up.jpg");
   ASSERT_TRUE(quill_cli::writeJpegPicture(image, 64, 64));
@@ -102,6 +116,9 @@ TEST_F(CliTest, JsonGivesOneRecordPerRequest) {
   EXPECT_EQ(uploaded["route"].asString(), "file service");
   EXPECT_EQ(uploaded["bytes"].asInt64(), static_cast<Json::Int64>(FileUtils::fileSize(image)));
   EXPECT_TRUE(TextUtils::hasPrefix(uploaded["url"].asString(), CloudEnvironment::url("/files/")));
+  EXPECT_EQ(uploaded["timeline"]["method"].asString(), "POST");
+  EXPECT_GT(uploaded["timeline"]["bytes"].asInt64(),
+            static_cast<Json::Int64>(FileUtils::fileSize(image)));
 }
 
 TEST_F(CliTest, FailuresGiveTheirExitStatusAndMessage) {

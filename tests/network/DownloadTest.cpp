@@ -210,30 +210,20 @@ TEST_P(Download, ADropThatNeverEndsFails) {
 
 TEST_P(Download, ConnectionsAreReusedAcrossTransfers) {
   const auto urlPath = storePattern("again.bin", 2000);
-  LogCapture logs(log4cplus::DEBUG_LOG_LEVEL);
-  std::vector<std::string> ids;
+  std::vector<HttpTimeline> timelines;
   for (int i = 0; i < 4; ++i) {
     auto record = TransferRecord::make();
-    ids.push_back(HttpClient::downloadFile(url(urlPath), dir.file("out" + std::to_string(i)),
-                                           nullptr, record->completion()));
+    HttpClient::downloadFile(url(urlPath), dir.file("out" + std::to_string(i)), nullptr,
+                             record->completion());
     auto response = record->wait();
     ASSERT_NE(response, nullptr);
     ASSERT_EQ(response->outcome, HttpResponse::kCompleted) << response->text;
+    timelines.push_back(response->timeline);
   }
-  // The engine logs how many connections each transfer had to open.
-  // "transfer <id> ended: outcome 0, status 200, new connections <n>"
-  std::map<std::string, int> connections;
-  const std::string marker = " ended: outcome 0, status 200, new connections ";
-  for (const auto& line : logs.lines()) {
-    const auto at = line.message.find(marker);
-    if (line.message.rfind("transfer ", 0) == 0 && at != std::string::npos) {
-      connections[line.message.substr(9, at - 9)] =
-          std::stoi(line.message.substr(at + marker.size()));
-    }
-  }
-  ASSERT_EQ(connections.size(), ids.size());
-  for (std::size_t i = 1; i < ids.size(); ++i) {
-    EXPECT_EQ(connections[ids[i]], 0) << "transfer " << i << " opened a connection of its own";
+  // A transfer that opened no connection of its own has no connect time in its timeline.
+  for (std::size_t i = 1; i < timelines.size(); ++i) {
+    EXPECT_EQ(timelines[i].connectMs, -1) << "transfer " << i << " opened a connection of its own";
+    EXPECT_EQ(timelines[i].tlsMs, -1);
   }
 }
 

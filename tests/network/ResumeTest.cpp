@@ -67,6 +67,8 @@ TEST_P(Resume, ACutEveryMebibyteIsResumedAndTheFileArrivesWhole) {
   EXPECT_EQ(response->status, 200) << "the status the file began with, not the ranges'";
   EXPECT_TRUE(holdsPattern(dir.file("out.bin"), size));
   EXPECT_EQ(requests, 5u) << "one request, then one for each of the four cuts";
+  EXPECT_EQ(response->timeline.resumes, 4);
+  EXPECT_EQ(response->timeline.bytes, static_cast<std::int64_t>(size));
   EXPECT_EQ(logs.countContaining(log4cplus::INFO_LOG_LEVEL, "asking for the rest now"), 4);
   expectProgressEndsAtTotal(record->progressReports(), static_cast<double>(size));
   EXPECT_EQ(record->completionCount(), 1);
@@ -146,17 +148,35 @@ TEST_P(Resume, SixCutsInARowWithoutABytePutAnEndToIt) {
   EXPECT_EQ(record->completionCount(), 1);
 }
 
-TEST_P(Resume, ACutBeforeTheFirstByteEndsTheDownloadAsBefore) {
-  const auto urlPath = storePattern("never-began.bin", kMiB);
+// The reply came (200 and its headers), then the connection closed before a byte of the body:
+// the download had begun, and is asked for again after the first wait.
+TEST_P(Resume, AReplyCutBeforeItsFirstByteIsAskedForAgain) {
+  const std::uint64_t size = kMiB;
+  const auto urlPath = storePattern("never-began.bin", size);
   auto nothing = faultOn(urlPath, 1);
   nothing.dropAfterBytes = 0;
   service().addFault(nothing);
   auto record = TransferRecord::make();
+  LogCapture logs;
   std::shared_ptr<HttpResponse> response;
   const auto requests = requestsDuring([&] { response = download(urlPath, record); });
   ASSERT_NE(response, nullptr) << "no completion";
+  EXPECT_EQ(response->outcome, HttpResponse::kCompleted) << response->text;
+  EXPECT_TRUE(holdsPattern(dir.file("out.bin"), size));
+  EXPECT_EQ(requests, 2u);
+  EXPECT_EQ(logs.countContaining(log4cplus::INFO_LOG_LEVEL, "asking for the rest in"), 1);
+}
+
+// Nothing of the download ever came: no connection. It ends at once, as it always did.
+TEST_P(Resume, ADownloadThatNeverBeganIsNotAskedForAgain) {
+  auto record = TransferRecord::make();
+  LogCapture logs;
+  HttpClient::downloadFile(refusedUrl(), dir.file("out.bin"), nullptr, record->completion());
+  const auto response = record->wait();
+  ASSERT_NE(response, nullptr) << "no completion";
   EXPECT_EQ(response->outcome, HttpResponse::kFailed);
-  EXPECT_EQ(requests, 1u);
+  EXPECT_EQ(response->timeline.resumes, 0);
+  EXPECT_EQ(logs.countContaining(log4cplus::INFO_LOG_LEVEL, "asking for the rest"), 0);
   EXPECT_FALSE(FileUtils::fileExists(dir.file("out.bin")));
 }
 

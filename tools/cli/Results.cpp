@@ -21,6 +21,28 @@ std::string failureReason(const TransferState& state) {
   return state.cause.empty() ? state.message : state.cause;
 }
 
+Json::Value timelineJson(const CloudStorageTimeline& timeline) {
+  // Milliseconds to the microsecond; a step that did not happen is null.
+  const auto step = [](double ms) {
+    return ms < 0 ? Json::Value() : Json::Value(std::round(ms * 1000.0) / 1000.0);
+  };
+  Json::Value value(Json::objectValue);
+  value["method"] = timeline.method;
+  value["host"] = timeline.host;
+  value["httpVersion"] = timeline.httpVersion;
+  value["status"] = timeline.httpStatus;
+  value["bytes"] = static_cast<Json::Int64>(timeline.bytes);
+  value["resumes"] = timeline.resumes;
+  value["resolveMs"] = step(timeline.resolveMs);
+  value["connectMs"] = step(timeline.connectMs);
+  value["tlsMs"] = step(timeline.tlsMs);
+  value["firstByteMs"] = step(timeline.firstByteMs);
+  value["endMs"] = step(timeline.endMs);
+  value["bytesPerSecond"] = std::round(timeline.bytesPerSecond);
+  value["cause"] = timeline.cause;
+  return value;
+}
+
 std::string toJsonLine(const TransferState& state) {
   Json::Value value(Json::objectValue);
   value["operation"] = state.operation;
@@ -40,6 +62,9 @@ std::string toJsonLine(const TransferState& state) {
   value["route"] = state.route;
   value["bytes"] = static_cast<Json::Int64>(state.bytes);
   value["seconds"] = std::round(state.seconds() * 1000.0) / 1000.0;
+  if (!state.timeline.method.empty()) {
+    value["timeline"] = timelineJson(state.timeline);
+  }
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "";
   // Three decimals: the seconds to the millisecond, and no 0.12300000000000001.

@@ -2,6 +2,8 @@
 
 #include "Transfer.h"
 
+#include <json/value.h>
+
 #include <string>
 
 namespace quill_cli {
@@ -12,8 +14,14 @@ std::string failureReason(const TransferState& state);
 
 // One JSON object for a finished transfer: operation, kind, source, code, ok (boolean), message,
 // cause, url, path (only when that file exists: a saved download, a cached avatar, an upload's
-// source), route, bytes, seconds (to the millisecond).
+// source), route, bytes, seconds (to the millisecond), and timeline (see timelineJson) when the
+// library ran a transfer for it.
 std::string toJsonLine(const TransferState& state);
+
+// The library's timeline of a transfer as JSON: method, host, httpVersion, status, bytes, resumes,
+// resolveMs, connectMs, tlsMs, firstByteMs, endMs (null for a step that did not happen),
+// bytesPerSecond and cause (empty after a success).
+Json::Value timelineJson(const CloudStorageTimeline& timeline);
 
 // Prints each transfer's result as it ends: with --json its JSON object on standard output;
 // otherwise the URL (uploads) or path (downloads, avatars) of a success on standard output and a

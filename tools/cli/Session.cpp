@@ -176,10 +176,12 @@ std::shared_ptr<Transfer> Session::download(const std::string& url, const std::s
                            : static_cast<std::int64_t>(FileUtils::fileSize(finalPath));
     const std::string finalUrl = ended->url;
     const std::string cause = ended->endCause.text;
+    const CloudStorageTimeline timeline = ended->endCause.timeline;
     self->update([&](TransferState& state) {
       state.url = finalUrl;
       state.bytes = bytes;
       state.cause = cause;
+      state.timeline = timeline;
       if (ok) {
         state.percent = 100;
       }
@@ -233,9 +235,11 @@ std::shared_ptr<Transfer> Session::upload(const std::string& path, int kind) {
     const std::string url = ended->url;
     const auto size = ended->fileSize;
     const std::string cause = ended->endCause.text;
+    const CloudStorageTimeline timeline = ended->endCause.timeline;
     self->update([&](TransferState& state) {
       state.url = url;
       state.cause = cause;
+      state.timeline = timeline;
       if (ok) {
         state.percent = 100;
         state.bytes = size;

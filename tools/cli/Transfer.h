@@ -45,6 +45,8 @@ struct TransferState {
   std::string message;
   // Why it ended, in words (the library's end cause, or the tool's own reason); empty on success.
   std::string cause;
+  // How the library's last transfer for it went (method "" when none ran).
+  CloudStorageTimeline timeline;
   // The tool's --timeout ran out and cancelled it.
   bool timedOut = false;
   // Upload: the stored object's URL. Download: the URL it came from in the end.

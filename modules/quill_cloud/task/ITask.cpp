@@ -128,12 +128,33 @@ void ITask::reportProgress(double done, double total) {
 }
 
 void ITask::noteEndCause(std::string text, int systemError, int httpStatus) {
-  noteEndCause(CloudStorageEndCause{std::move(text), systemError, httpStatus});
+  CloudStorageEndCause cause;
+  cause.text = std::move(text);
+  cause.systemError = systemError;
+  cause.httpStatus = httpStatus;
+  noteEndCause(std::move(cause));
 }
 
 void ITask::noteEndCause(const HttpResponse& response) {
   noteEndCause(response.outcome == HttpResponse::kCancelled ? "cancelled" : response.text,
                response.systemError, response.status);
+  noteTimeline(response.timeline);
+}
+
+void ITask::noteTimeline(const HttpTimeline& timeline) {
+  lastTimeline.method = timeline.method;
+  lastTimeline.host = timeline.host;
+  lastTimeline.httpVersion = timeline.httpVersion;
+  lastTimeline.httpStatus = timeline.status;
+  lastTimeline.bytes = timeline.bytes;
+  lastTimeline.resumes = timeline.resumes;
+  lastTimeline.resolveMs = timeline.resolveMs;
+  lastTimeline.connectMs = timeline.connectMs;
+  lastTimeline.tlsMs = timeline.tlsMs;
+  lastTimeline.firstByteMs = timeline.firstByteMs;
+  lastTimeline.endMs = timeline.endMs;
+  lastTimeline.bytesPerSecond = timeline.bytesPerSecond;
+  lastTimeline.cause = timeline.cause;
 }
 
 void ITask::finish(int state, int code, const std::string& message, bool retry) {
@@ -159,8 +180,10 @@ void ITask::finish(int state, int code, const std::string& message, bool retry) 
       }
       request->endCause = std::move(pendingCause);
     }
+    request->endCause.timeline = lastTimeline;
   }
   pendingCause = CloudStorageEndCause{};
+  lastTimeline = CloudStorageTimeline{};
   if (completionCallback) {
     completionCallback(shared_from_this(), retry);
   }

@@ -63,8 +63,11 @@ public:
   // without a recorded cause gets its message as the cause) and forgets it.
   void noteEndCause(std::string text, int systemError = 0, int httpStatus = 0);
   void noteEndCause(CloudStorageEndCause cause) { pendingCause = std::move(cause); }
-  // The same from a network response: its error text, errno and status.
+  // The same from a network response: its error text, errno and status, and its timeline.
   void noteEndCause(const HttpResponse& response);
+  // Records how the task's latest transfer went; finish() hands it to the request's endCause
+  // whatever the outcome.
+  void noteTimeline(const HttpTimeline& timeline);
 
   // The gate through which this task calls the request's progressCallback.
   void setCallbackGate(std::shared_ptr<CallbackGate> gate) { callbackGate = std::move(gate); }
@@ -134,6 +137,7 @@ protected:
   CloudStorageConfig* config = nullptr;
   std::shared_ptr<CallbackGate> callbackGate;
   CloudStorageEndCause pendingCause;
+  CloudStorageTimeline lastTimeline;
 
 private:
   enum class Life { Waiting, Running, HeldForRetry, Ended };

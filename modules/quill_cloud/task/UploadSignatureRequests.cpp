@@ -50,6 +50,7 @@ std::map<std::string, std::string> UploadTask::videoSignatureForm() {
 }
 
 bool UploadTask::acceptSignatureReply(const HttpResponse& reply, int code, std::string message) {
+  noteTimeline(reply.timeline);
   if (reply.outcome == HttpResponse::kCancelled) {
     code = CloudStorageResult::kCancelled;
   }

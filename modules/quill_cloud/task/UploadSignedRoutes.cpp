@@ -80,10 +80,12 @@ void UploadTask::reportSignedUploadEnd(const std::weak_ptr<UploadTask>& task,
   if (code != CloudStorageResult::kSuccess) {
     cause = causeOfFailedUpload(response, message);
   }
-  postTransferEnd(task, queue, transfer, [path, code, message, cause](UploadTask& alive) {
-    alive.noteEndCause(cause);
-    alive.processUploadCompletion(path, code, message, false);
-  });
+  postTransferEnd(task, queue, transfer,
+                  [path, code, message, cause, timeline = response.timeline](UploadTask& alive) {
+                    alive.noteEndCause(cause);
+                    alive.noteTimeline(timeline);
+                    alive.processUploadCompletion(path, code, message, false);
+                  });
 }
 
 }  // namespace cloud

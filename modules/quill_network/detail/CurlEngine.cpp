@@ -175,6 +175,9 @@ void CurlEngine::handleQueued(std::vector<QueuedStart> starts, std::vector<std::
     auto response = std::make_shared<HttpResponse>();
     response->outcome = HttpResponse::kCancelled;
     response->text = "cancelled";
+    response->timeline = timelineOf(start.spec);
+    response->timeline.cause = "cancelled";
+    QLOG_INFO(timelineLine(start.id, response->timeline));
     complete(start.id, start.spec.completion, response);
   }
   for (QueuedStart& start : starts) {

@@ -76,7 +76,9 @@ CurlTransfer::CurlTransfer(std::string id, TransferSpec spec, TransferSettings s
       throttle(std::chrono::milliseconds(kProgressIntervalMs)) {}
 
 bool CurlTransfer::prepare(CURLSH* share) {
-  lastMovement = std::chrono::steady_clock::now();
+  startedAt = std::chrono::steady_clock::now();
+  lastMovement = startedAt;
+  timeline = timelineOf(spec);
   easy.reset(curl_easy_init());
   if (!easy) {
     localError = "libcurl could not create a transfer";
@@ -262,6 +264,7 @@ std::size_t CurlTransfer::onWrite(char* data, std::size_t size, std::size_t coun
       return 0;
     }
     transfer->attemptBytes += static_cast<curl_off_t>(bytes);
+    transfer->receivedBody += static_cast<std::int64_t>(bytes);
     transfer->receivedAny = true;
     return bytes;
   }
@@ -458,12 +461,15 @@ bool CurlTransfer::isCutOff(CURLcode result) const {
 
 CurlTransfer::Resume CurlTransfer::resumeAfter(CURLcode result) {
   lastAttemptResult = result;
+  recordAttempt();
   Resume resume;
-  if (!download || !receivedAny || quiet.load(std::memory_order_relaxed) || !isCutOff(result)) {
+  const long status = responseCode();
+  // Only a download that has begun, with a reply of the file or some of its bytes, is resumed: one
+  // that never got that far (no connection, a TLS failure, an error status) ends as it always did.
+  const bool begun = receivedAny || (isSuccess(status) && resumeCount == 0);
+  if (!download || !begun || quiet.load(std::memory_order_relaxed) || !isCutOff(result)) {
     return resume;
   }
-  // A reply that is not the file (an error status) ends the download as it always did.
-  const long status = responseCode();
   if (status != 0 && !isSuccess(status)) {
     return resume;
   }
@@ -488,6 +494,7 @@ CurlTransfer::Resume CurlTransfer::resumeAfter(CURLcode result) {
 
 bool CurlTransfer::prepareResume() {
   ++resumeCount;
+  attemptRecorded = false;
   resumeFrom = validator.empty() ? 0 : static_cast<curl_off_t>(download->bytesWritten());
   attemptBytes = 0;
   attemptLength = -1;
@@ -510,12 +517,61 @@ bool CurlTransfer::prepareResume() {
          setOption(easy.get(), CURLOPT_RANGE, range.c_str(), localError);
 }
 
-std::shared_ptr<HttpResponse> CurlTransfer::failedToStart() const {
+std::shared_ptr<HttpResponse> CurlTransfer::failedToStart() {
   auto response = std::make_shared<HttpResponse>();
   response->outcome = HttpResponse::kFailed;
   response->text = localError.empty() ? "the transfer could not start" : localError;
   response->systemError = localErrno;
+  EndFacts facts;
+  facts.fileFailed = localErrno != 0;
+  facts.localFailure = response->text;
+  closeTimeline(*response, facts);
   return response;
+}
+
+void CurlTransfer::recordAttempt() {
+  if (attemptRecorded || !easy) {
+    return;
+  }
+  attemptRecorded = true;
+  if (!firstAttemptTimed) {
+    firstAttemptTimed = true;
+    readAttemptTimes(easy.get(), timeline);
+    return;
+  }
+  // Later attempts only tell which HTTP version the transfer ended on.
+  HttpTimeline later;
+  readAttemptTimes(easy.get(), later);
+  if (!later.httpVersion.empty()) {
+    timeline.httpVersion = later.httpVersion;
+  }
+}
+
+void CurlTransfer::closeTimeline(HttpResponse& response, EndFacts facts) {
+  timeline.status = response.status;
+  timeline.resumes = resumeCount;
+  if (download) {
+    timeline.bytes = receivedBody;
+  } else if (easy) {
+    curl_off_t sent = 0;
+    curl_off_t received = 0;
+    curl_easy_getinfo(easy.get(), CURLINFO_SIZE_UPLOAD_T, &sent);
+    curl_easy_getinfo(easy.get(), CURLINFO_SIZE_DOWNLOAD_T, &received);
+    timeline.bytes = static_cast<std::int64_t>(sent + received);
+  }
+  const auto elapsed = std::chrono::steady_clock::now() - startedAt;
+  timeline.endMs = std::chrono::duration<double, std::milli>(elapsed).count();
+  timeline.bytesPerSecond =
+      timeline.endMs > 0 ? static_cast<double>(timeline.bytes) * 1000.0 / timeline.endMs : 0;
+  if (response.outcome != HttpResponse::kCompleted) {
+    facts.status = response.status;
+    if (easy) {
+      curl_easy_getinfo(easy.get(), CURLINFO_OS_ERRNO, &facts.osErrno);
+    }
+    timeline.cause = causeInWords(facts);
+  }
+  response.timeline = timeline;
+  QLOG_INFO(timelineLine(transferId, timeline));
 }
 
 std::shared_ptr<HttpResponse> CurlTransfer::finish(CURLcode result) {
@@ -554,12 +610,15 @@ std::shared_ptr<HttpResponse> CurlTransfer::finish(CURLcode result) {
   if (response->outcome != HttpResponse::kCompleted && download) {
     download->discard();
   }
-  long connections = 0;
-  curl_easy_getinfo(easy.get(), CURLINFO_NUM_CONNECTS, &connections);
-  QLOG_DEBUG(
-      "transfer " << transferId << " ended: outcome " << response->outcome << ", status "
-                  << response->status << ", new connections " << connections
-                  << (response->outcome == HttpResponse::kCompleted ? "" : ": " + response->text));
+  recordAttempt();
+  EndFacts facts;
+  facts.result = result;
+  facts.stalledSeconds = stallTripped ? settings.stallSeconds : 0;
+  facts.fileFailed =
+      localErrno != 0 || unreadableFile() != nullptr || (download && !download->error().empty());
+  facts.localFailure = stallTripped ? std::string() : localError;
+  facts.shortBody = shortBody;
+  closeTimeline(*response, facts);
   return response;
 }
 
@@ -572,6 +631,10 @@ std::shared_ptr<HttpResponse> CurlTransfer::cancel() {
   const long status = responseCode();
   response->status = status >= 200 ? static_cast<int>(status) : 0;
   response->text = "cancelled";
+  recordAttempt();
+  EndFacts facts;
+  facts.cancelled = true;
+  closeTimeline(*response, facts);
   return response;
 }
 

@@ -5,6 +5,7 @@
 #include "detail/CurlHandles.h"
 #include "detail/DownloadFile.h"
 #include "detail/ProgressThrottle.h"
+#include "detail/Timeline.h"
 #include "detail/TransferSettings.h"
 #include "detail/UploadFile.h"
 
@@ -35,13 +36,14 @@ public:
   // Builds the easy handle (sharing TLS sessions through `share`) and opens the files. False when
   // the transfer cannot start; failedToStart() then describes why.
   bool prepare(CURLSH* share);
-  std::shared_ptr<HttpResponse> failedToStart() const;
+  std::shared_ptr<HttpResponse> failedToStart();
 
   // Whether a download goes on after the attempt that just ended with `result`: when its body was
-  // cut off (connection reset or closed early, the stall guard, a timeout, a TLS read error) after
-  // some bytes of it had arrived, the rest is asked for again at once if this attempt brought new
-  // bytes, after a growing wait if it brought none, and never after kMaxBarrenAttempts of those in
-  // a row. Anything else, and any other kind of transfer, ends as it ends without resuming.
+  // cut off (connection reset or closed early, the stall guard, a timeout, a TLS read error) once
+  // the download had begun (a 2xx reply to it had come, or bytes of its body), the rest is asked
+  // for again at once if this attempt brought new bytes, after a growing wait if it brought none,
+  // and never after kMaxResumeWaits waits in a row. Anything else, and any other kind of transfer,
+  // ends as it ends without resuming.
   struct Resume {
     enum class When { Never, Now, Later };
     When when = When::Never;
@@ -58,6 +60,7 @@ public:
   std::shared_ptr<HttpResponse> finish(CURLcode result);
   // The response of a transfer ended by cancelRequest(); the partial download file is removed.
   std::shared_ptr<HttpResponse> cancel();
+  // failedToStart(), finish() and cancel() log the transfer's timeline as one INFO line.
 
   // The completion function, moved out so it can run after the transfer is gone.
   HttpClient::CompletionFunction takeCompletion() { return std::move(spec.completion); }
@@ -82,6 +85,10 @@ private:
   bool beginBody();
   void noteHeader(const std::string& line);
   bool isCutOff(CURLcode result) const;
+  // Takes libcurl's measurements of the attempt that just ended, once per attempt.
+  void recordAttempt();
+  // Completes the timeline of the ending transfer, hands it to the response and logs it.
+  void closeTimeline(HttpResponse& response, EndFacts facts);
   long responseCode() const;
   std::string describeFailure(CURLcode result) const;
   // The file being sent (a PUT's, or a multipart part's) that could not be read; null when none.
@@ -132,7 +139,7 @@ private:
   bool bodyBegun = false;
   // Status of the reply whose body the file begins with.
   long beganWithStatus = 0;
-  // True once any byte of the body reached the file: only then is a cut resumed.
+  // True once any byte of the body reached the file.
   bool receivedAny = false;
   bool stallTripped = false;
   int resumeCount = 0;
@@ -140,6 +147,14 @@ private:
   int barrenAttempts = 0;
   CURLcode lastAttemptResult = CURLE_OK;
   HeaderList resumeHeaders;
+
+  // The timeline (see HttpTimeline): started in prepare(), times from the first attempt.
+  HttpTimeline timeline;
+  std::chrono::steady_clock::time_point startedAt;
+  bool attemptRecorded = false;
+  bool firstAttemptTimed = false;
+  // Body bytes that reached a download's file over all its attempts.
+  std::int64_t receivedBody = 0;
   curl_off_t uploadLength = 0;
   ProgressThrottle throttle;
   curl_off_t lastMoved = 0;

@@ -8,9 +8,33 @@
 #include <memory>
 #include <string>
 
+// Where the time of a request's last transfer went, as the network library measured it. Times are
+// milliseconds from the moment the transfer was taken up; a step that did not happen (no name to
+// resolve, a connection reused, no TLS) is -1. A download resumed after a cut is timed from its
+// first connection to the end of its last attempt.
+struct CloudStorageTimeline {
+  std::string method;       // "GET", "POST", "PUT"; empty when no transfer ran
+  std::string host;         // the host of the URL asked for
+  std::string httpVersion;  // "1.1", "2", ...; empty when no reply came
+  int httpStatus = 0;
+  // Body bytes received (every attempt of a download counted) and sent.
+  std::int64_t bytes = 0;
+  // How often a cut-off download asked for its rest.
+  int resumes = 0;
+  double resolveMs = -1;
+  double connectMs = -1;
+  double tlsMs = -1;
+  double firstByteMs = -1;
+  double endMs = 0;
+  double bytesPerSecond = 0;
+  // For a transfer that did not complete, why, in words: "reset by peer", "stalled 30 s", "TLS
+  // certificate rejected", "HTTP 503", "cancelled", ...
+  std::string cause;
+};
+
 // Why a request ended, in more detail than resultCode and resultMessage (which keep the values they
 // have always had). The task writes it into the request just before stateCallback; it is empty
-// while the request runs and after a success.
+// while the request runs, and after a success only its timeline is set.
 struct CloudStorageEndCause {
   // What happened, in words: the network library's error text ("Could not resolve host: x",
   // "SSL certificate problem: unable to get local issuer certificate"), the reply's status line
@@ -22,6 +46,9 @@ struct CloudStorageEndCause {
   int systemError = 0;
   // The HTTP status of the last reply received; 0 when none arrived.
   int httpStatus = 0;
+  // The request's last transfer (the upload itself, once its signature was granted), also after a
+  // success; empty (method "") when the request ended before any transfer ran.
+  CloudStorageTimeline timeline;
 };
 
 // One download or upload as the host describes it. The host fills it in, hands it to

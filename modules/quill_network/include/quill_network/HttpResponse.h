@@ -2,7 +2,33 @@
 
 #include <quill_network/quill_network_export.h>
 
+#include <cstdint>
 #include <string>
+
+// How one transfer went, as libcurl measured it. Times are milliseconds from the moment the engine
+// took the transfer up; a step that did not happen (no name to resolve, a connection reused, no
+// TLS) is -1. A download resumed after a cut is timed from its first attempt's connection to the
+// end of its last.
+struct QUILL_NETWORK_EXPORT HttpTimeline {
+  std::string method;       // "GET", "POST", "PUT"
+  std::string host;         // the host of the URL asked for
+  std::string httpVersion;  // "1.1", "2", ...; empty when no reply came
+  int status = 0;           // HTTP status of the last reply; 0 when none
+  // Body bytes received (every attempt of a download counted) and sent.
+  std::int64_t bytes = 0;
+  // How often a cut-off download asked for its rest.
+  int resumes = 0;
+  double resolveMs = -1;
+  double connectMs = -1;
+  double tlsMs = -1;
+  double firstByteMs = -1;
+  double endMs = 0;
+  // bytes over the whole time.
+  double bytesPerSecond = 0;
+  // Why a transfer that did not complete ended, in words: "reset by peer", "stalled 30 s", "TLS
+  // certificate rejected", "HTTP 503", "cancelled"...; empty after a success.
+  std::string cause;
+};
 
 // The end of one transfer, as handed to its completion function.
 struct QUILL_NETWORK_EXPORT HttpResponse {
@@ -21,4 +47,6 @@ struct QUILL_NETWORK_EXPORT HttpResponse {
   // errno of a local file failure that ended the transfer (the download file could not be created
   // or written); 0 otherwise.
   int systemError = 0;
+  // Where the transfer's time went; also written to the library's log as one line when it ends.
+  HttpTimeline timeline;
 };
