@@ -12,6 +12,7 @@ server failed.
 
 import argparse
 import datetime
+import filecmp
 import json
 import os
 import platform
@@ -37,6 +38,7 @@ GNU_TIME = "/usr/bin/time"
 VIPS = "/usr/bin/vips"
 VIPSTHUMBNAIL = "/usr/bin/vipsthumbnail"
 CONVERT = "/usr/bin/convert-im6.q16"
+ARIA2C = "/usr/bin/aria2c"
 
 
 class BenchError(Exception):
@@ -296,6 +298,18 @@ http {{
         for port in (self.http_port, self.https_port, self.reply_port):
             wait_for_port(port, proc, "nginx")
 
+    def store_in_fileservice(self, path, key):
+        """Makes `path` the stored file /files/<key> of quill-fileservice (a hard link, or a copy)."""
+        files = os.path.join(self.work, "fileservice", "files")
+        os.makedirs(files, exist_ok=True)
+        target = os.path.join(files, key)
+        if not os.path.exists(target):
+            try:
+                os.link(path, target)
+            except OSError:
+                shutil.copyfile(path, target)
+        return "https://127.0.0.1:%d/files/%s" % (self.fileservice_port, key)
+
     def publish(self, path, name):
         """Makes `path` servable as /name (a hard link, or a copy across file systems)."""
         target = os.path.join(self.www, name)
@@ -387,6 +401,9 @@ class Bench:
         self.small_count = 100 if self.quick else 1000
         self.avatar_count = 100 if self.quick else 1000
         self.scale_count = 3 if self.quick else 5
+        self.cut_every = self.big_size // 8
+        self.curl_resume = None  # what became of curl --retry 10 -C - on the cut download
+        self.curl_wall = None
         self.only = set(args.only.split(",")) if args.only else None
         self.env = dict(os.environ)
         self.env["QUILL_LOG_LEVEL"] = "OFF"
@@ -558,6 +575,46 @@ class Bench:
             ("upload-put-curl", [CURL, "-sS", "--fail", "--cacert", s.ca, "-T", self.big, "-o", "/dev/null",
                                  base + "/objects/curl-upload.bin"], prep, None))
 
+    def resumes(self, r):
+        """One big download through connections cut every eighth of the file by quill-fileservice
+        (every 128 MiB of 1 GiB): ours against aria2c, and ours uncut as the baseline. curl with
+        --retry 10 -C - is tried once: it does not retry a transfer closed early (exit 18)."""
+        whole = self.servers.store_in_fileservice(self.big, "big.bin")
+        self.cut_every = self.big_size // 8
+        cut = whole + "?quill_cut_every=%d" % self.cut_every
+        d = os.path.join(self.work, "out-resume")
+        out = os.path.join(d, "big.bin")
+
+        def prep():
+            self.clean_outputs()
+            fresh_dir(self.work, "out-resume")
+            read_through(self.big)
+
+        check = self.expect_file(out, self.big_size)
+
+        def check_same(run):
+            check(run)
+            if not filecmp.cmp(out, self.big, shallow=False):
+                raise BenchError("%s differs from the served file" % out)
+
+        aria2 = [ARIA2C, "-q", "--allow-overwrite=true", "--max-tries=10", "--retry-wait=1", "--ca-certificate",
+                 self.servers.ca, "-d", d, "-o", "big.bin", cut]
+        self.pair(r, ("resume-cut-ours", [self.ours, "download", cut, d, "big.bin"], prep, check_same),
+                  ("resume-cut-aria2c", aria2, prep, check_same))
+        self.run("resume-uncut-ours", [self.ours, "download", whole, d, "big.bin"], prep, check)
+        if r == 0:
+            prep()
+            try:
+                run = measure([CURL, "-sS", "--retry", "10", "-C", "-", "--cacert", self.servers.ca, "-o", out,
+                               cut], os.path.join(self.logs, "resume-cut-curl"), env=self.env)
+                self.curl_wall = run.wall
+                self.curl_resume = "completed, %d bytes in %.3f s" % (os.path.getsize(out), run.wall)
+            except BenchError as error:
+                got = os.path.getsize(out) if os.path.exists(out) else 0
+                code = re.search(r"exited with (-?\d+)", str(error))
+                self.curl_resume = "did not complete: exit %s with %d of %d bytes" % (
+                    code.group(1) if code else "?", got, self.big_size)
+
     def curl_parallel(self, urls, directory):
         config = os.path.join(self.work, "curl-%s.cfg" % os.path.basename(directory))
         with open(config, "w") as f:
@@ -725,6 +782,26 @@ class Bench:
                      {"median": median(tc) * GIB / size}, median(tc) / median(oc), "", None)
         self.pair_rows("7 %d avatars fetched+scaled" % self.avatar_count, "avatars-ours", "avatars-curl",
                        sum(self.avatar_bytes), "files/s", 1.0, per_item=self.avatar_count)
+        cut, aria2, uncut = self.stat("resume-cut-ours"), self.stat("resume-cut-aria2c"), self.stat("resume-uncut-ours")
+        if cut:
+            title = "8 %d MiB cut every %d MiB" % (size // MIB, self.cut_every // MIB)
+            if aria2:
+                ratio = median(aria2) / median(cut)
+                self.add(title, "wall s", {"median": median(cut), "spread_pct": spread(cut)},
+                         {"median": median(aria2), "spread_pct": spread(aria2), "tool": "aria2c"}, ratio,
+                         ">= 1.00", ratio >= 1.0)
+            if uncut:
+                ratio = median(uncut) / median(cut)
+                self.add(title, "wall s vs uncut", {"median": median(cut), "spread_pct": spread(cut)},
+                         {"median": median(uncut), "spread_pct": spread(uncut), "tool": "ours uncut"}, ratio,
+                         ">= 0.91 (cut <= 1.1 x uncut)", ratio >= 1 / 1.1)
+            if self.curl_resume is not None:
+                # Ahead of curl: curl did not complete, or (were it to) took longer.
+                curl_wall = self.curl_wall if self.curl_resume.startswith("completed") else None
+                self.add(title, "vs curl --retry 10 -C -", {"median": median(cut)},
+                         {"median": curl_wall, "tool": "curl"} if curl_wall else None,
+                         curl_wall / median(cut) if curl_wall else None, "ahead",
+                         curl_wall is None or curl_wall > median(cut), "curl " + self.curl_resume)
 
     def machine(self):
         def first_line(cmd):
@@ -746,6 +823,7 @@ class Bench:
                 "memory_gib": round(mem_kib / 1024 / 1024, 1), "load_before": os.getloadavg()[0],
                 "nginx": first_line([NGINX, "-v"]), "curl": first_line([CURL, "--version"]),
                 "vips": first_line([VIPS, "--version"]), "imagemagick": first_line([CONVERT, "-version"]),
+                "aria2": first_line([ARIA2C, "--version"]),
                 "mode": ("quick" if self.quick else "full") + (", only " + ",".join(sorted(self.only))
                                                                   if self.only else ""),
                 "rounds": self.rounds,
@@ -797,7 +875,7 @@ class Bench:
             # The avatars step goes last: our run of it deletes a thousand temporary files, and the
             # next small-file runs should be as far from that as they can be.
             steps = {"download": self.downloads, "progress": self.progress, "upload": self.uploads,
-                     "many": self.many, "scale": self.scaling, "avatars": self.avatars}
+                     "resume": self.resumes, "many": self.many, "scale": self.scaling, "avatars": self.avatars}
             unknown = (self.only or set()) - set(steps) - {"scheduler"}
             if unknown:
                 raise BenchError("unknown --only step(s): %s" % ", ".join(sorted(unknown)))
@@ -850,7 +928,8 @@ def main():
     parser.add_argument("--profile", action="store_true",
                         help="record each of our runs with perf record -g into the logs (use with --keep)")
     parser.add_argument("--only", default=None,
-                        help="comma-separated steps: download, progress, upload, many, avatars, scale, scheduler")
+                        help="comma-separated steps: download, progress, upload, resume, many, avatars, scale, "
+                        "scheduler")
     args = parser.parse_args()
 
     def stop(signum, _frame):
