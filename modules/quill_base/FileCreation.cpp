@@ -111,6 +111,52 @@ bool FileUtils::makeShareable(std::FILE* file) {
 #endif
 }
 
+std::FILE* FileUtils::openForAppend(const std::string& path, std::uint64_t& size) {
+  size = 0;
+  if (path.empty()) {
+    errno = ENOENT;
+    return nullptr;
+  }
+#if defined(_WIN32)
+  const std::wstring wide = std::filesystem::u8path(path).wstring();
+  std::error_code ec;
+  const auto status = std::filesystem::symlink_status(std::filesystem::u8path(path), ec);
+  if (ec || !std::filesystem::is_regular_file(status)) {
+    errno = ec ? ENOENT : EINVAL;
+    return nullptr;
+  }
+  int descriptor = -1;
+  if (_wsopen_s(&descriptor, wide.c_str(), _O_WRONLY | _O_BINARY, _SH_DENYNO, 0) != 0) {
+    return nullptr;
+  }
+  const long long end = _lseeki64(descriptor, 0, SEEK_END);
+  std::FILE* file = end < 0 ? nullptr : _fdopen(descriptor, "ab");
+#else
+  const int descriptor = ::open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC);
+  if (descriptor < 0) {
+    return nullptr;
+  }
+  struct stat info {};
+  if (::fstat(descriptor, &info) != 0 || !S_ISREG(info.st_mode)) {
+    ::close(descriptor);
+    errno = EINVAL;
+    return nullptr;
+  }
+  const off_t end = ::lseek(descriptor, 0, SEEK_END);
+  std::FILE* file = end < 0 ? nullptr : ::fdopen(descriptor, "ab");
+#endif
+  if (file == nullptr) {
+#if defined(_WIN32)
+    _close(descriptor);
+#else
+    ::close(descriptor);
+#endif
+    return nullptr;
+  }
+  size = static_cast<std::uint64_t>(end);
+  return file;
+}
+
 bool FileUtils::truncateFile(std::FILE* file, std::uint64_t size) {
   if (file == nullptr) {
     errno = EBADF;

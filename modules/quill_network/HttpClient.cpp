@@ -42,9 +42,16 @@ TransferSpec makeSpec(TransferSpec::Kind kind, const std::string& url,
 
 std::string HttpClient::downloadFile(const std::string& url, const std::string& path,
                                      ProgressFunction progress, CompletionFunction completion) {
+  return downloadFile(url, path, std::move(progress), std::move(completion), {});
+}
+
+std::string HttpClient::downloadFile(const std::string& url, const std::string& path,
+                                     ProgressFunction progress, CompletionFunction completion,
+                                     HttpDownloadResume resume) {
   auto spec =
       makeSpec(TransferSpec::Kind::Download, url, std::move(progress), std::move(completion));
   spec.path = path;
+  spec.resume = std::move(resume);
   return quill_network_detail::startTransfer(std::move(spec));
 }
 

@@ -37,6 +37,8 @@ public:
   // Asks the program to stop as Ctrl-C does: SIGINT, on Windows a CTRL_BREAK_EVENT to its own
   // process group. False when it could not be sent.
   bool interrupt();
+  // Ends the program at once, as a crash or a power cut would: SIGKILL (TerminateProcess).
+  void kill() { child.kill(); }
 
   // Reads standard error until it holds `text`; false when the timeout passed or the pipe closed.
   bool waitForError(const std::string& text,

@@ -9,6 +9,10 @@
 #include "Tracked.h"
 
 #include <quill_base/FileUtils.h>
+#include <quill_base/LockedFile.h>
+#include <quill_base/TextUtils.h>
+
+#include <json/json.h>
 
 #include <gtest/gtest.h>
 
@@ -16,6 +20,7 @@
 
 using quill_test::CloudEnvironment;
 using quill_test::readFile;
+using quill_test::TempDir;
 using quill_test::Tracked;
 
 namespace {
@@ -49,6 +54,42 @@ struct ResumeAndTimeline : quill_test::SignedInFixture {
     tracked.request->fileName = name;
     EXPECT_TRUE(service->excuteRequest(tracked.request));
     return tracked;
+  }
+};
+
+// What a download finds left by an earlier one in the cache directory.
+struct LeftBehind : ResumeAndTimeline {
+  void SetUp() override {
+    ResumeAndTimeline::SetUp();
+    // Made by the service on its queue once the user signed in.
+    ASSERT_TRUE(quill_test::eventually([&] { return FileUtils::directoryExists(cache()); }));
+  }
+
+  std::string cache() const {
+    return FileUtils::appendComponent(user.path(), "cloud_storage_caches");
+  }
+  // Where the service keeps the record of a download of `url` to `finalPath` (the format is the
+  // library's own, written out here as the test's account of it).
+  std::string recordPath(const std::string& url, const std::string& finalPath) const {
+    return FileUtils::appendComponent(
+        cache(), "." + TextUtils::hashString(url + '\0' + finalPath).substr(0, 32) + ".resume");
+  }
+  // Leaves `bytes` as a partial file with a record naming it; returns the record's path.
+  std::string leave(const std::string& url, const std::string& finalPath, const std::string& bytes,
+                    const std::string& validator, const std::string& recordedUrl = "") {
+    Json::Value record(Json::objectValue);
+    record["url"] = recordedUrl.empty() ? url : recordedUrl;
+    record["finalPath"] = finalPath;
+    record["partial"] = ".left.bin.1234.part";
+    record["validator"] = validator;
+    record["bytes"] = static_cast<Json::Int64>(bytes.size());
+    record["time"] = 1;
+    const std::string text = Json::writeString(Json::StreamWriterBuilder(), record);
+    EXPECT_TRUE(FileUtils::writeNewFile(FileUtils::appendComponent(cache(), ".left.bin.1234.part"),
+                                        bytes.data(), bytes.size()));
+    const auto path = recordPath(url, finalPath);
+    EXPECT_TRUE(FileUtils::writeNewFile(path, text.data(), text.size()));
+    return path;
   }
 };
 
@@ -163,4 +204,63 @@ TEST_F(Resume, SixCutsInARowWithoutAByteFailWithMinus100AndLeaveNothing) {
   EXPECT_EQ(filesIn(destination.path()), 0u) << "no file at the final path";
   EXPECT_EQ(filesIn(FileUtils::appendComponent(user.path(), "cloud_storage_caches")), 0u)
       << "no partial file left";
+}
+
+TEST_F(LeftBehind, APartialFileOfAnotherVersionIsFetchedAgainWhole) {
+  const auto [local, path] = store(1024 * 1024, 10);
+  const auto url = CloudEnvironment::url(path);
+  const auto finalPath = FileUtils::appendComponent(destination.path(), "v.bin");
+  leave(url, finalPath, std::string(300 * 1024, 'x'), "\"another-version\"");
+  auto again = download(url, "v.bin");
+  ASSERT_TRUE(again.waitEnded());
+  EXPECT_EQ(again.code(), CloudStorageResult::kSuccess) << again.cause().text;
+  EXPECT_EQ(again.cause().timeline.bytes, 1024 * 1024) << "If-Range failed: the whole file came";
+  EXPECT_EQ(readFile(finalPath), readFile(local));
+  EXPECT_EQ(filesIn(cache()), 0u);
+}
+
+TEST_F(LeftBehind, ARecordOfAnotherDownloadIsNeverResumedInto) {
+  const auto [local, path] = store(1024 * 1024, 11);
+  const auto url = CloudEnvironment::url(path);
+  const auto finalPath = FileUtils::appendComponent(destination.path(), "w.bin");
+  // Where this download's record would be, one for another URL with a file of the right size.
+  leave(url, finalPath, readFile(local).substr(0, 512 * 1024), "\"whatever\"", url + "?other");
+  auto fresh = download(url, "w.bin");
+  ASSERT_TRUE(fresh.waitEnded());
+  EXPECT_EQ(fresh.code(), CloudStorageResult::kSuccess) << fresh.cause().text;
+  EXPECT_EQ(fresh.cause().timeline.bytes, 1024 * 1024);
+  EXPECT_EQ(readFile(finalPath), readFile(local));
+  EXPECT_EQ(filesIn(cache()), 0u) << "the useless record and its file are gone";
+}
+
+TEST_F(LeftBehind, ARecordAnotherDownloadHoldsIsLeftAlone) {
+  const auto [local, path] = store(256 * 1024, 12);
+  const auto url = CloudEnvironment::url(path);
+  const auto finalPath = FileUtils::appendComponent(destination.path(), "h.bin");
+  auto held = LockedFile::tryLock(recordPath(url, finalPath));
+  ASSERT_NE(held, nullptr);
+  ASSERT_TRUE(held->replace("held elsewhere"));
+  auto other = download(url, "h.bin");
+  ASSERT_TRUE(other.waitEnded());
+  EXPECT_EQ(other.code(), CloudStorageResult::kSuccess) << other.cause().text;
+  EXPECT_EQ(readFile(finalPath), readFile(local));
+  EXPECT_EQ(held->read(), "held elsewhere");
+  EXPECT_EQ(filesIn(cache()), 1u) << "only the held record";
+}
+
+TEST_F(LeftBehind, SigningInRemovesPartialsOlderThanAWeek) {
+  const auto old = FileUtils::appendComponent(cache(), ".old.bin.5678.part");
+  const auto recent = FileUtils::appendComponent(cache(), ".recent.bin.9abc.part");
+  ASSERT_TRUE(FileUtils::writeNewFile(old, "o", 1));
+  ASSERT_TRUE(FileUtils::writeNewFile(recent, "r", 1));
+  std::error_code error;
+  std::filesystem::last_write_time(
+      std::filesystem::u8path(old),
+      std::filesystem::file_time_type::clock::now() - std::chrono::hours(24 * 8), error);
+  ASSERT_FALSE(error) << error.message();
+  TempDir other;
+  service->changeUser("app", "pin", other.path());
+  service->changeUser("app", "pin", user.path());
+  EXPECT_TRUE(quill_test::eventually([&] { return !FileUtils::fileExists(old); }));
+  EXPECT_TRUE(FileUtils::fileExists(recent));
 }

@@ -1,5 +1,7 @@
 #include "inner/CloudStorageLogic.h"
 
+#include "inner/StalePartials.h"
+
 #include "task/DownloadTask.h"
 #include "task/UploadTask.h"
 
@@ -8,6 +10,7 @@
 #include <quill_base/TextUtils.h>
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 namespace cloud {
@@ -166,6 +169,12 @@ void CloudStorageLogic::changeUser(const std::string& appId, const std::string& 
     }
     self.config.userDirectory = userDirectory;
     self.checkCachePath(userDirectory);
+    if (!self.cachePath.empty()) {
+      // Partial downloads nobody took up within a week are not coming back.
+      removeStalePartials(self.cachePath, std::chrono::duration_cast<std::chrono::seconds>(
+                                              std::chrono::system_clock::now().time_since_epoch())
+                                              .count());
+    }
   });
 }
 

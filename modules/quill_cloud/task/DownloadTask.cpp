@@ -7,6 +7,7 @@
 #include <quill_base/TextUtils.h>
 #include <quill_network/HttpClient.h>
 
+#include <chrono>
 #include <cstring>
 #include <utility>
 
@@ -19,6 +20,12 @@ DownloadTask::DownloadTask(const std::string& cachePath, int type,
     : ITask(cachePath, type, std::move(request), std::move(queue), std::move(completionCallback)),
       staticHost(Deployment::staticHost()),
       imageCdnHost(Deployment::imageCdnHost()) {}
+
+DownloadTask::~DownloadTask() {
+  // Gone with its service, not with its process: the transfer abandoned with it removes the
+  // partial file, and the record goes too. Only a process that dies leaves both for the next run.
+  dropRecord();
+}
 
 bool DownloadTask::startWithConfig(CloudStorageConfig* config) {
   if (config == nullptr || !request || !queue) {
@@ -66,14 +73,87 @@ bool DownloadTask::startWithConfig(CloudStorageConfig* config) {
   // of its own instead, under a random name, in the cache directory or else beside the final path;
   // the engine creates it exclusively and never follows a link. It is renamed over the final path
   // only once complete, so what the host observes is unchanged.
-  const auto& tempDirectory =
-      FileUtils::directoryExists(cachePath) ? cachePath : request->directory;
-  tempFilePath = FileUtils::temporaryPath(tempDirectory, request->fileName);
+  const auto finalPath = FileUtils::appendComponent(request->directory, request->fileName);
+  if (FileUtils::directoryExists(cachePath)) {
+    prepareResumeRecord(finalPath);
+  } else {
+    tempFilePath = FileUtils::temporaryPath(request->directory, request->fileName);
+  }
   if (!enterRunning()) {
+    dropRecord();
     return false;
   }
   startDownload();
   return true;
+}
+
+namespace {
+
+// Bytes a download moves between two writes of its record.
+constexpr std::int64_t kRecordEveryBytes = 16 * 1024 * 1024;
+
+std::int64_t secondsNow() {
+  return std::chrono::duration_cast<std::chrono::seconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+}  // namespace
+
+void DownloadTask::prepareResumeRecord(const std::string& finalPath) {
+  recordLock = LockedFile::tryLock(ResumeRecord::pathFor(cachePath, request->url, finalPath));
+  if (recordLock) {
+    const auto found = ResumeRecord::parse(recordLock->read());
+    if (found) {
+      const auto partial = FileUtils::appendComponent(cachePath, found->partialName);
+      if (found->url == request->url && found->finalPath == finalPath &&
+          !found->validator.empty() && FileUtils::fileExists(partial)) {
+        tempFilePath = partial;
+        record = *found;
+        resumeValidator = found->validator;
+        QLOG_INFO("download " << TextUtils::printable(request->url) << " takes up " << partial
+                              << " (" << FileUtils::fileSize(partial) << " bytes)");
+        return;
+      }
+      // A record of no use: the file it names (if any) cannot be taken up either.
+      FileUtils::removeFile(partial);
+    }
+  }
+  tempFilePath = FileUtils::temporaryPath(cachePath, request->fileName);
+  if (recordLock) {
+    record = ResumeRecord{request->url, finalPath, FileUtils::fileName(tempFilePath), "", 0, 0};
+    writeRecord(0);
+  }
+}
+
+void DownloadTask::writeRecord(std::int64_t bytes) {
+  record.bytes = bytes;
+  record.time = secondsNow();
+  if (recordLock && !recordLock->replace(record.toJson())) {
+    QLOG_WARN("cannot write the resume record " << recordLock->path());
+  }
+}
+
+void DownloadTask::noteValidator(const std::string& validator) {
+  if (!recordLock) {
+    return;
+  }
+  record.validator = validator;
+  writeRecord(static_cast<std::int64_t>(FileUtils::fileSize(tempFilePath)));
+}
+
+void DownloadTask::bytesMoved(std::int64_t done) {
+  if (recordLock && !record.validator.empty() && done - record.bytes >= kRecordEveryBytes) {
+    writeRecord(done);
+  }
+}
+
+void DownloadTask::dropRecord() {
+  if (recordLock) {
+    recordLock->remove();
+    recordLock.reset();
+  }
+  resumeValidator.clear();
 }
 
 int DownloadTask::resultCodeFor(const HttpResponse& response) {
@@ -118,8 +198,20 @@ void DownloadTask::startDownload() {
                     });
   };
 
+  HttpDownloadResume resume;
+  resume.validator = resumeValidator;
+  if (recordLock) {
+    resume.onValidator = [weak, queue = std::weak_ptr<SerialQueue>(queue),
+                          transfer](const std::string& validator) {
+      postIfAlive(weak, queue, [transfer, validator](DownloadTask& alive) {
+        if (alive.currentTransferIs(transfer)) {
+          alive.noteValidator(validator);
+        }
+      });
+    };
+  }
   holdTransfer(HttpClient::downloadFile(request->url, tempFilePath, std::move(progress),
-                                        std::move(completion)));
+                                        std::move(completion), std::move(resume)));
 }
 
 void DownloadTask::processDownloadCompletion(int code, std::string desc) {
@@ -129,6 +221,7 @@ void DownloadTask::processDownloadCompletion(int code, std::string desc) {
 
   if (code == CloudStorageResult::kSuccess) {
     if (moveDownloadFile()) {
+      dropRecord();
       finish(CloudStorageState::kFinished, code, desc, retry);
       return;
     }
@@ -143,6 +236,7 @@ void DownloadTask::processDownloadCompletion(int code, std::string desc) {
   }
 
   FileUtils::removeFile(tempFilePath);
+  dropRecord();
   finish(CloudStorageState::kFinished, code, desc, retry);
 }
 

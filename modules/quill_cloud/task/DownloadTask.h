@@ -1,9 +1,12 @@
 #pragma once
 
 #include "task/ITask.h"
+#include "task/ResumeRecord.h"
 
+#include <quill_base/LockedFile.h>
 #include <quill_network/HttpResponse.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -13,10 +16,17 @@ namespace cloud {
 // when there is one, else beside the final path) and moves it to directory/fileName when it is
 // complete. An image download from the static-content host that fails without a known status is
 // rewritten to the image CDN host once and handed back for a retry.
+//
+// In the cache directory the temporary file has a resume record beside it (ResumeRecord), held
+// locked while the task runs: when the process dies, the next download of the same URL to the same
+// final path, here or in another process, takes the file up and asks only for the rest. A record
+// held by another download is left alone (that download then goes without one), and a record
+// without a validator, or whose file is gone, is replaced.
 class DownloadTask : public ITask {
 public:
   DownloadTask(const std::string& cachePath, int type, std::shared_ptr<CloudStorageRequest> request,
                std::shared_ptr<SerialQueue> queue, CompletionCallback completionCallback);
+  ~DownloadTask() override;
   bool startWithConfig(CloudStorageConfig* config) override;
   void cancel() override;
 
@@ -27,8 +37,23 @@ public:
   // The result code for a transfer's end: 2, 3, -4 (400), -3 (403), -2 (404) or -100.
   static int resultCodeFor(const HttpResponse& response);
 
+protected:
+  void bytesMoved(std::int64_t done) override;
+
 private:
+  // Takes up the partial file a record names, or starts a record for a new temporary file.
+  void prepareResumeRecord(const std::string& finalPath);
+  // Keeps the first reply's validator (and the bytes so far) in the record.
+  void noteValidator(const std::string& validator);
+  void writeRecord(std::int64_t bytes);
+  // The download ended (or starts over elsewhere): its record goes.
+  void dropRecord();
+
   std::string tempFilePath;
+  std::unique_ptr<LockedFile> recordLock;
+  ResumeRecord record;
+  // The validator to take up tempFilePath with; empty for a new file.
+  std::string resumeValidator;
   // The two hosts of the image retry, fixed when the task is made.
   std::string staticHost;
   std::string imageCdnHost;

@@ -58,6 +58,10 @@ void ITask::cancelTransfer() const {
   }
 }
 
+bool ITask::currentTransferIs(std::uint64_t transfer) const {
+  return life == Life::Running && transfer == currentTransfer;
+}
+
 bool ITask::takeTransferEnd(std::uint64_t transfer) {
   if (life != Life::Running || transfer != currentTransfer) {
     return false;
@@ -111,6 +115,7 @@ void ITask::reportProgress(double done, double total) {
   }
   request->bytesDone = static_cast<std::int64_t>(done);
   request->bytesTotal = static_cast<std::int64_t>(total);
+  bytesMoved(request->bytesDone);
   // A server may send more than it announced: keep the conversion within int.
   const int percent = static_cast<int>(std::min(done / total * 100.0, 2147483647.0));
   if (!((lastProgress == 0 && percent > 0) || percent - lastProgress >= 1)) {

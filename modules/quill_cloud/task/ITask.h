@@ -69,6 +69,9 @@ public:
   // whatever the outcome.
   void noteTimeline(const HttpTimeline& timeline);
 
+  // Told each time progress reaches the request, with the bytes moved so far.
+  virtual void bytesMoved(std::int64_t /*done*/) {}
+
   // The gate through which this task calls the request's progressCallback.
   void setCallbackGate(std::shared_ptr<CallbackGate> gate) { callbackGate = std::move(gate); }
 
@@ -91,6 +94,8 @@ protected:
   std::uint64_t openTransfer();
   void holdTransfer(std::string id);
   bool hasTransfer() const { return !transferId.empty(); }
+  // True while the task runs and transfer `transfer` (numbered by openTransfer) is still awaited.
+  bool currentTransferIs(std::uint64_t transfer) const;
   // Asks HttpClient to cancel the transfer in flight; its reply still comes, and is handled or
   // dropped by the rule of postTransferEnd.
   void cancelTransfer() const;

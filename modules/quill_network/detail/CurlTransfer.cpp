@@ -133,7 +133,18 @@ bool CurlTransfer::setKindOptions() {
   switch (spec.kind) {
     case TransferSpec::Kind::Download:
       download = std::make_unique<DownloadFile>(spec.path, kFileWriteChunk);
-      if (!download->open()) {
+      if (!spec.resume.validator.empty() && download->openExisting()) {
+        // An earlier download's partial file: the rest of the same version of the file is asked
+        // for, as after a cut (see beginBody()).
+        validator = spec.resume.validator;
+        receivedAny = true;
+        resumeFrom = static_cast<curl_off_t>(download->bytesWritten());
+        QLOG_INFO("transfer " << transferId << " takes up " << spec.path << " at byte "
+                              << resumeFrom);
+        if (resumeFrom > 0 && !askForTheRest()) {
+          return false;
+        }
+      } else if (!download->open()) {
         localError = download->error();
         localErrno = download->systemError();
         return false;
@@ -334,6 +345,16 @@ bool CurlTransfer::beginBody() {
     downloadLength = length;
     // The version this file is: later attempts ask for the rest of this one only.
     validator = !replyEtag.empty() && replyEtag.rfind("W/", 0) != 0 ? replyEtag : replyLastModified;
+    if (spec.resume.onValidator && !quiet.load(std::memory_order_relaxed)) {
+      try {
+        spec.resume.onValidator(validator);
+      } catch (...) {
+        QLOG_ERROR("validator function of " << transferId << " threw");
+      }
+    }
+  } else if (beganWithStatus == 0) {
+    // Taking up an earlier download's file: it began with that download's 200.
+    beganWithStatus = 200;
   }
   return true;
 }
@@ -510,6 +531,10 @@ bool CurlTransfer::prepareResume() {
     // No validator to make sure the rest belongs to the same file: the whole of it again.
     return setOption(easy.get(), CURLOPT_RANGE, static_cast<const char*>(nullptr), localError);
   }
+  return askForTheRest();
+}
+
+bool CurlTransfer::askForTheRest() {
   const std::string range = std::to_string(resumeFrom) + "-";
   resumeHeaders = HeaderList();
   return buildHeaderList(resumeHeaders, "If-Range: " + validator) &&

@@ -79,6 +79,8 @@ private:
   bool buildMultipart();
   bool setHeaders();
   bool buildHeaderList(HeaderList& list, const std::string& extraLine);
+  // Sets Range from resumeFrom and If-Range with the validator.
+  bool askForTheRest();
   // At the first body byte of an attempt: checks that a resumed reply continues where the file
   // ends (a 206 from that byte) or starts it over (a 200), and takes the reply's length and
   // validator. False, with localError set, when the reply cannot be used.

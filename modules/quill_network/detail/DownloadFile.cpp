@@ -34,6 +34,18 @@ bool DownloadFile::open() {
   return true;
 }
 
+bool DownloadFile::openExisting() {
+  std::uint64_t size = 0;
+  file = FileUtils::openForAppend(path, size);
+  if (file == nullptr) {
+    return false;
+  }
+  created = true;
+  total = static_cast<std::size_t>(size);
+  std::setvbuf(file, nullptr, _IONBF, 0);
+  return true;
+}
+
 bool DownloadFile::write(const char* data, std::size_t size) {
   if (file == nullptr) {
     lastError = "the download file " + path + " is not open";

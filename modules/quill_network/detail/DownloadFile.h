@@ -21,6 +21,9 @@ public:
   // Creates the file, which must not exist yet (a link there is refused, never followed); false
   // when it cannot be created.
   bool open();
+  // Takes up a file an earlier download left, to add to it (never through a link); false when
+  // there is none. The file is then this object's: discard() removes it like one it created.
+  bool openExisting();
   // False when the bytes could not be written (the reason is in error()).
   bool write(const char* data, std::size_t size);
   // Drops every byte written so far and goes on from the file's start, for a server that sends the

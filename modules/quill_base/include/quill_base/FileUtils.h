@@ -55,6 +55,9 @@ public:
   // (0666 less the umask), for a temporary file that becomes a user's file once complete. Nothing
   // to do on Windows. False when the permissions could not be changed.
   static bool makeShareable(std::FILE* file);
+  // Opens an existing regular file for writing at its end, to add to it; never through a symbolic
+  // link. Null (errno set) when it is missing or not a regular file; `size` receives its length.
+  static std::FILE* openForAppend(const std::string& path, std::uint64_t& size);
   // Cuts an open file (written through the stdio stream `file`) to `size` bytes and puts the
   // stream's position there, for a writer that starts part of its output over. False, with errno
   // set, when it cannot.

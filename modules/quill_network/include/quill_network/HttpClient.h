@@ -32,6 +32,19 @@
 // brought new bytes is followed at once by the next; attempts that bring none wait 0.5, 1, 2, 4 and
 // 8 s (QUILL_HTTP_RESUME_WAIT_MS sets the first wait), and a sixth such attempt fails the download.
 // None of this shows in the callbacks: progress keeps moving forward, and completion comes once.
+// How a download may take up the partial file an earlier download of the same URL left at its path
+// (after the process that ran it died): with the validator that file's bytes were fetched under,
+// the rest is asked for with Range and If-Range; without one, or when no file is there, the
+// download starts afresh.
+struct HttpDownloadResume {
+  // The ETag or Last-Modified the earlier download's first reply carried; empty: start afresh.
+  std::string validator;
+  // Called on the network thread with the validator of the file being written, once it is known
+  // (at the first reply, and again when the server sends the whole file anew), for the caller to
+  // keep with the partial file.
+  std::function<void(const std::string& validator)> onValidator;
+};
+
 class QUILL_NETWORK_EXPORT HttpClient {
 public:
   using ProgressFunction = std::function<void(double done, double total)>;
@@ -41,6 +54,10 @@ public:
   // GET `url` into a new file at `path`.
   static std::string downloadFile(const std::string& url, const std::string& path,
                                   ProgressFunction progress, CompletionFunction completion);
+  // The same, taking up a partial file at `path` as `resume` says.
+  static std::string downloadFile(const std::string& url, const std::string& path,
+                                  ProgressFunction progress, CompletionFunction completion,
+                                  HttpDownloadResume resume);
 
   // POST the parts as multipart/form-data, file parts streamed from disk.
   static std::string uploadMultipartData(const std::string& url,

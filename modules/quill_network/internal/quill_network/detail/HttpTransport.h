@@ -33,6 +33,8 @@ struct TransferSpec {
   std::vector<std::pair<std::string, std::string>> headers;
   HttpClient::ProgressFunction progress;
   HttpClient::CompletionFunction completion;
+  // Download: how to take up a partial file an earlier download left at `path`.
+  HttpDownloadResume resume;
 };
 
 class HttpTransport {
