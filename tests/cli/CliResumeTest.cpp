@@ -57,6 +57,7 @@ TEST_F(CliTest, ADownloadKilledHalfWayIsTakenUpByTheNextRun) {
   const auto record = parse(lines(second.output).at(0));
   const auto fetched = record["timeline"]["bytes"].asUInt64();
   EXPECT_EQ(fetched, size - left) << "exactly the rest";
+  EXPECT_EQ(record["timeline"]["status"].asInt(), 200) << "the status the file began with";
   EXPECT_LE(fetched, size * 55 / 100);
   EXPECT_TRUE(FileUtils::sameContent(
       FileUtils::appendComponent(destination, FileUtils::fileName(path)), local));

@@ -77,8 +77,9 @@ int main(int argc, char** argv) {
   app.add_flag("--json", common.json,
                "One JSON object per request on standard output as it ends: operation, kind, "
                "source, code, ok (boolean), message, cause, url, path (when that file exists), "
-               "route, bytes, seconds");
-  app.add_flag("-v,--verbose", common.verbose, "Show the library's log on standard error");
+               "route, bytes, seconds, timeline (where the transfer's time went)");
+  app.add_flag("-v,--verbose", common.verbose,
+               "Show the library's log on standard error (a line per transfer as it ends)");
   app.add_flag("-q,--quiet", common.quiet, "No progress display");
 
   quill_cli::DownloadOptions download;

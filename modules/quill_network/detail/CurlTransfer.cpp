@@ -602,11 +602,12 @@ void CurlTransfer::closeTimeline(HttpResponse& response, EndFacts facts) {
 std::shared_ptr<HttpResponse> CurlTransfer::finish(CURLcode result) {
   auto response = std::make_shared<HttpResponse>();
   const long status = responseCode();
-  // An interim reply (100 Continue) is not the status of the transfer. A resumed download reports
-  // the status of the reply its file began with: the 206s of its later attempts (or their lack of
-  // any reply) are how the file was fetched, not what it is.
+  // An interim reply (100 Continue) is not the status of the transfer. A resumed download (or one
+  // that took up an earlier download's file) reports the status of the reply its file began with:
+  // the 206s of its later attempts (or their lack of any reply) are how the file was fetched, not
+  // what it is.
   response->status = status >= 200 ? static_cast<int>(status) : 0;
-  if (resumeCount > 0 && (status == 206 || status < 200) && beganWithStatus != 0) {
+  if (beganWithStatus != 0 && (status == 206 || (status < 200 && resumeCount > 0))) {
     response->status = static_cast<int>(beganWithStatus);
   }
   response->outcome = HttpResponse::kFailed;
