@@ -1,4 +1,5 @@
 #include "CloudEnvironment.h"
+#include "SignedInFixture.h"
 #include "TestFiles.h"
 #include "Tracked.h"
 
@@ -19,15 +20,11 @@ using quill_test::writePattern;
 namespace {
 
 // Downloads slowed down by the server (a throttled body), so that limits and cancels can be seen.
-struct DownloadControl : ::testing::Test {
-  TempDir user;
-  TempDir destination;
-  TempDir source;
-  std::unique_ptr<CloudStorageService> service = std::make_unique<CloudStorageService>(true);
+struct DownloadControl : quill_test::SignedInFixture {
   std::string slowPath;
 
   void SetUp() override {
-    service->changeUser("app", "pin", user.path());
+    SignedInFixture::SetUp();
     const auto key = TextUtils::UUID_String();
     slowPath = CloudEnvironment::server().addFile(key, writePattern(source.file(key), 256 * 1024));
     ASSERT_FALSE(slowPath.empty());
@@ -35,15 +32,6 @@ struct DownloadControl : ::testing::Test {
 
   // 256 KiB at 64 KiB a second: about four seconds unless cancelled.
   std::string slowUrl() const { return CloudEnvironment::url(slowPath + "?quill_rate=65536"); }
-
-  Tracked download(const std::string& url, const std::string& name) {
-    Tracked tracked(false, CloudStorageKind::kFile);
-    tracked.request->url = url;
-    tracked.request->directory = destination.path();
-    tracked.request->fileName = name;
-    EXPECT_TRUE(service->excuteRequest(tracked.request));
-    return tracked;
-  }
 };
 
 }  // namespace

@@ -37,24 +37,6 @@ struct ResumeAndTimeline : quill_test::SignedInFixture {
     fault.times = times;
     return fault;
   }
-
-  std::size_t filesIn(const std::string& directory) {
-    std::size_t count = 0;
-    for (const auto& entry :
-         std::filesystem::recursive_directory_iterator(std::filesystem::u8path(directory))) {
-      count += entry.is_regular_file() ? 1 : 0;
-    }
-    return count;
-  }
-
-  Tracked download(const std::string& url, const std::string& name) {
-    Tracked tracked(false, CloudStorageKind::kFile);
-    tracked.request->url = url;
-    tracked.request->directory = destination.path();
-    tracked.request->fileName = name;
-    EXPECT_TRUE(service->excuteRequest(tracked.request));
-    return tracked;
-  }
 };
 
 // What a download finds left by an earlier one in the cache directory.
@@ -201,8 +183,9 @@ TEST_F(Resume, SixCutsInARowWithoutAByteFailWithMinus100AndLeaveNothing) {
   EXPECT_EQ(never.endCount(), 1);
   EXPECT_EQ(never.cause().timeline.resumes, 6);
   EXPECT_EQ(never.cause().timeline.cause, "closed before the end of the body");
-  EXPECT_EQ(filesIn(destination.path()), 0u) << "no file at the final path";
-  EXPECT_EQ(filesIn(FileUtils::appendComponent(user.path(), "cloud_storage_caches")), 0u)
+  EXPECT_EQ(quill_test::entriesIn(destination.path()), 0u) << "no file at the final path";
+  EXPECT_EQ(quill_test::entriesIn(FileUtils::appendComponent(user.path(), "cloud_storage_caches")),
+            0u)
       << "no partial file left";
 }
 
@@ -216,7 +199,7 @@ TEST_F(LeftBehind, APartialFileOfAnotherVersionIsFetchedAgainWhole) {
   EXPECT_EQ(again.code(), CloudStorageResult::kSuccess) << again.cause().text;
   EXPECT_EQ(again.cause().timeline.bytes, 1024 * 1024) << "If-Range failed: the whole file came";
   EXPECT_EQ(readFile(finalPath), readFile(local));
-  EXPECT_EQ(filesIn(cache()), 0u);
+  EXPECT_EQ(quill_test::entriesIn(cache()), 0u);
 }
 
 TEST_F(LeftBehind, ARecordOfAnotherDownloadIsNeverResumedInto) {
@@ -230,7 +213,7 @@ TEST_F(LeftBehind, ARecordOfAnotherDownloadIsNeverResumedInto) {
   EXPECT_EQ(fresh.code(), CloudStorageResult::kSuccess) << fresh.cause().text;
   EXPECT_EQ(fresh.cause().timeline.bytes, 1024 * 1024);
   EXPECT_EQ(readFile(finalPath), readFile(local));
-  EXPECT_EQ(filesIn(cache()), 0u) << "the useless record and its file are gone";
+  EXPECT_EQ(quill_test::entriesIn(cache()), 0u) << "the useless record and its file are gone";
 }
 
 TEST_F(LeftBehind, ARecordAnotherDownloadHoldsIsLeftAlone) {
@@ -245,7 +228,7 @@ TEST_F(LeftBehind, ARecordAnotherDownloadHoldsIsLeftAlone) {
   EXPECT_EQ(other.code(), CloudStorageResult::kSuccess) << other.cause().text;
   EXPECT_EQ(readFile(finalPath), readFile(local));
   EXPECT_EQ(held->read(), "held elsewhere");
-  EXPECT_EQ(filesIn(cache()), 1u) << "only the held record";
+  EXPECT_EQ(quill_test::entriesIn(cache()), 1u) << "only the held record";
 }
 
 TEST_F(LeftBehind, SigningInRemovesPartialsOlderThanAWeek) {

@@ -2,6 +2,7 @@
 
 #include "CloudEnvironment.h"
 #include "TestFiles.h"
+#include "Tracked.h"
 
 #include <quill_base/TextUtils.h>
 #include <quill_cloud/CloudStorageService.h>
@@ -25,6 +26,16 @@ struct SignedInFixture : ::testing::Test {
   void SetUp() override {
     service->changeUser("app", "pin", user.path());
     service->changeAid("aid");
+  }
+
+  // Starts a file download of `url` into the destination directory as `name`.
+  Tracked download(const std::string& url, const std::string& name) {
+    Tracked tracked(false, CloudStorageKind::kFile);
+    tracked.request->url = url;
+    tracked.request->directory = destination.path();
+    tracked.request->fileName = name;
+    EXPECT_TRUE(service->excuteRequest(tracked.request));
+    return tracked;
   }
 
   // Stores `size` pattern bytes on the server under a fresh key; returns the local copy and the

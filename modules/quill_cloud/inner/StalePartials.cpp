@@ -11,14 +11,6 @@
 #include <vector>
 
 namespace cloud {
-namespace {
-
-bool endsWith(const std::string& text, const std::string& ending) {
-  return text.size() >= ending.size() &&
-         text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
-}
-
-}  // namespace
 
 std::size_t removeStalePartials(const std::string& cacheDirectory, std::int64_t now,
                                 std::int64_t maxAgeSeconds) {
@@ -34,7 +26,7 @@ std::size_t removeStalePartials(const std::string& cacheDirectory, std::int64_t 
   // Records first: an old one takes its partial file with it, whatever that file's own age.
   for (const auto& name : names) {
     const auto path = FileUtils::appendComponent(cacheDirectory, name);
-    if (!endsWith(name, ResumeRecord::kRecordEnding)) {
+    if (!ResumeRecord::isRecordName(name)) {
       continue;
     }
     const std::int64_t modified = FileUtils::modificationTime(path);
@@ -57,7 +49,7 @@ std::size_t removeStalePartials(const std::string& cacheDirectory, std::int64_t 
   }
   for (const auto& name : names) {
     const auto path = FileUtils::appendComponent(cacheDirectory, name);
-    if (!endsWith(name, ResumeRecord::kPartialEnding) || !FileUtils::fileExists(path)) {
+    if (!ResumeRecord::isPartialName(name) || !FileUtils::fileExists(path)) {
       continue;
     }
     const std::int64_t modified = FileUtils::modificationTime(path);

@@ -9,6 +9,9 @@
 namespace cloud {
 namespace {
 
+constexpr char kRecordEnding[] = ".resume";
+constexpr char kPartialEnding[] = ".part";
+
 bool endsWith(const std::string& text, const std::string& ending) {
   return text.size() >= ending.size() &&
          text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
@@ -54,11 +57,18 @@ std::optional<ResumeRecord> ResumeRecord::parse(const std::string& text) {
   record.bytes = value["bytes"].asInt64();
   record.time = value["time"].asInt64();
   if (record.url.empty() || record.finalPath.empty() ||
-      !FileUtils::isPlainFileName(record.partialName) ||
-      !endsWith(record.partialName, kPartialEnding)) {
+      !FileUtils::isPlainFileName(record.partialName) || !isPartialName(record.partialName)) {
     return std::nullopt;
   }
   return record;
+}
+
+bool ResumeRecord::isRecordName(const std::string& name) {
+  return endsWith(name, kRecordEnding);
+}
+
+bool ResumeRecord::isPartialName(const std::string& name) {
+  return endsWith(name, kPartialEnding);
 }
 
 std::string ResumeRecord::pathFor(const std::string& cacheDirectory, const std::string& url,

@@ -30,9 +30,9 @@ struct ResumeRecord {
   // "<cacheDirectory>/.<32 hex digits of SHA-256 of url and finalPath>.resume"
   static std::string pathFor(const std::string& cacheDirectory, const std::string& url,
                              const std::string& finalPath);
-  // The file-name ending of records, and of partial files.
-  static constexpr const char* kRecordEnding = ".resume";
-  static constexpr const char* kPartialEnding = ".part";
+  // Whether a file name is one of a record ("*.resume"), or of a partial file ("*.part").
+  static bool isRecordName(const std::string& name);
+  static bool isPartialName(const std::string& name);
 };
 
 }  // namespace cloud
