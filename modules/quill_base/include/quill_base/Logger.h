@@ -6,6 +6,8 @@
 #include <log4cplus/loglevel.h>
 #include <log4cplus/tstring.h>
 
+#include <cstddef>
+#include <cstring>
 #include <sstream>
 #include <string>
 
@@ -53,11 +55,29 @@ public:
 #define QUILL_LOG_SOURCE __FILE__
 #endif
 
+// The module path of a log site, held in the object itself. Trivially destructible, so that the
+// static one of each site is never destroyed: a thread that logs while the process exits (the
+// network thread ending its transfers) may make it after the exit handlers began, and a static
+// std::string would then be freed under it.
+class LogSource {
+public:
+  explicit LogSource(const char* sourceFile) {
+    const std::string path = ::Logger::modulePath(sourceFile);
+    const std::size_t length = path.size() < sizeof text ? path.size() : sizeof text - 1;
+    std::memcpy(text, path.data(), length);
+    text[length] = '\0';
+  }
+  const char* c_str() const { return text; }
+
+private:
+  char text[128];
+};
+
 // Tests the level first, so that a disabled level costs one comparison and builds no message.
 #define QUILL_LOG_AT(level, message)                                                       \
   do {                                                                                     \
     if (::Logger::m_logger.isEnabledFor(level)) {                                          \
-      static const std::string quillModulePath_ = ::Logger::modulePath(QUILL_LOG_SOURCE);  \
+      static const ::LogSource quillModulePath_(QUILL_LOG_SOURCE);                         \
       ::log4cplus::tostringstream quillLogStream_;                                         \
       quillLogStream_ << message;                                                          \
       ::Logger::m_logger.forcedLog(level, quillLogStream_.str(), quillModulePath_.c_str(), \
