@@ -221,6 +221,50 @@ bool FileUtils::removeFile(const std::string& path) {
   return fs::remove(toPath(path), ec) && !ec;
 }
 
+namespace {
+
+// Removes what is in `directory`, depth first. Errors are ignored here: what is left is found by
+// the caller's look at the path afterwards.
+void removeContents(const fs::path& directory) {
+  std::vector<fs::path> children;
+  std::error_code ec;
+  for (fs::directory_iterator it(directory, ec), end; !ec && it != end; it.increment(ec)) {
+    children.push_back(it->path());
+  }
+  for (const auto& child : children) {
+    std::error_code childError;
+    if (fs::symlink_status(child, childError).type() == fs::file_type::directory) {
+      removeContents(child);
+    }
+    fs::remove(child, childError);
+  }
+}
+
+}  // namespace
+
+bool FileUtils::removeTree(const std::string& path) {
+  if (path.empty()) {
+    return false;
+  }
+  // Not fs::remove_all: libstdc++'s version gives up with ENOENT on Linux when an entry it listed
+  // is gone before it gets to it, and on Windows spins for ever on such an entry, because remove()
+  // reports neither success nor an error for it. Files do vanish under it: the partial file of an
+  // abandoned download is removed by the network thread after its service is gone. A second pass
+  // takes what a concurrent writer added during the first.
+  const auto root = toPath(path);
+  std::error_code ec;
+  for (int pass = 0; pass < 3; ++pass) {
+    if (fs::symlink_status(root, ec).type() == fs::file_type::directory) {
+      removeContents(root);
+    }
+    fs::remove(root, ec);
+    if (fs::symlink_status(root, ec).type() == fs::file_type::not_found) {
+      return true;
+    }
+  }
+  return false;
+}
+
 bool FileUtils::removeFiles(const std::string& directory, unsigned long long value) {
   if (!directoryExists(directory)) {
     return false;

@@ -9,6 +9,9 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
 
 namespace fs = std::filesystem;
 using quill_test::TempDir;
@@ -211,6 +214,67 @@ TEST(FileUtils, RemoveFile) {
   EXPECT_FALSE(FileUtils::fileExists(dir.file("gone")));
   EXPECT_FALSE(FileUtils::removeFile(dir.file("gone")));
   EXPECT_FALSE(FileUtils::removeFile(""));
+}
+
+TEST(FileUtils, RemoveTreeTakesADirectoryWithEverythingInIt) {
+  TempDir dir;
+  const auto root = dir.file("Zo\xc3\xab tree");
+  ASSERT_TRUE(FileUtils::makeDirectory(FileUtils::appendComponent(root, "a")));
+  ASSERT_TRUE(FileUtils::makeDirectory(FileUtils::appendComponent(root, "a/b")));
+  writeFile(FileUtils::appendComponent(root, "top"), "1");
+  writeFile(FileUtils::appendComponent(root, "a/middle"), "2");
+  writeFile(FileUtils::appendComponent(root, "a/b/deep"), "3");
+  writeFile(dir.file("beside"), "4");
+
+  EXPECT_TRUE(FileUtils::removeTree(root));
+  EXPECT_FALSE(fs::exists(fs::u8path(root)));
+  EXPECT_TRUE(FileUtils::fileExists(dir.file("beside")));
+
+  EXPECT_TRUE(FileUtils::removeTree(dir.file("beside"))) << "a file is removed too";
+  EXPECT_FALSE(FileUtils::fileExists(dir.file("beside")));
+  EXPECT_TRUE(FileUtils::removeTree(dir.file("never-there"))) << "nothing there, nothing left";
+  EXPECT_FALSE(FileUtils::removeTree(""));
+}
+
+TEST(FileUtils, RemoveTreeRemovesALinkNotWhatItPointsTo) {
+  TempDir dir;
+  const auto kept = dir.file("kept");
+  ASSERT_TRUE(FileUtils::makeDirectory(kept));
+  writeFile(FileUtils::appendComponent(kept, "precious"), "keep me");
+  const auto root = dir.file("tree");
+  ASSERT_TRUE(FileUtils::makeDirectory(root));
+  std::error_code ec;
+  fs::create_directory_symlink(fs::u8path(kept), fs::u8path(root) / "link", ec);
+  if (ec) {
+    GTEST_SKIP() << "this user cannot make symbolic links: " << ec.message();
+  }
+  EXPECT_TRUE(FileUtils::removeTree(root));
+  EXPECT_FALSE(fs::exists(fs::u8path(root)));
+  EXPECT_EQ(readFile(FileUtils::appendComponent(kept, "precious")), "keep me");
+}
+
+// Another thread deletes the files while the tree is being removed (as the network thread removes
+// an abandoned download's partial file): each listed entry may be gone when its turn comes.
+TEST(FileUtils, RemoveTreeFinishesWhenEntriesVanishUnderIt) {
+  TempDir dir;
+  const auto root = dir.file("racing");
+  const auto inner = FileUtils::appendComponent(root, "inner");
+  ASSERT_TRUE(FileUtils::makeDirectory(root));
+  ASSERT_TRUE(FileUtils::makeDirectory(inner));
+  std::vector<std::string> files;
+  for (int i = 0; i < 1500; ++i) {
+    files.push_back(FileUtils::appendComponent(inner, "f" + std::to_string(i)));
+    writeFile(files.back(), "x");
+  }
+  std::thread other([&] {
+    for (auto it = files.rbegin(); it != files.rend(); ++it) {
+      FileUtils::removeFile(*it);
+    }
+  });
+  const bool removed = FileUtils::removeTree(root);
+  other.join();
+  EXPECT_TRUE(removed);
+  EXPECT_FALSE(fs::exists(fs::u8path(root)));
 }
 
 TEST(FileUtils, RemoveFilesKeepsTheBudgetDeletingOldestFirst) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <quill_base/FileUtils.h>
 #include <quill_base/TextUtils.h>
 
 #include <algorithm>
@@ -20,10 +21,9 @@ public:
       : root(std::filesystem::temp_directory_path() / ("quill-test-" + TextUtils::UUID_String())) {
     std::filesystem::create_directories(root);
   }
-  ~TempDir() {
-    std::error_code ec;
-    std::filesystem::remove_all(root, ec);
-  }
+  // Files may still vanish under it: the library removes an abandoned download's partial file on
+  // its network thread after the service is gone.
+  ~TempDir() { FileUtils::removeTree(root.u8string()); }
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
 

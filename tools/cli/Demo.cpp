@@ -38,8 +38,7 @@ public:
 
   ~Demo() {
     if (!options.keep) {
-      std::error_code error;
-      std::filesystem::remove_all(toPath(work), error);
+      FileUtils::removeTree(work);
     }
   }
 

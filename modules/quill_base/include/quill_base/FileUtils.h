@@ -82,6 +82,11 @@ public:
   // Deletes a file; true when a file was removed.
   static bool removeFile(const std::string& path);
 
+  // Deletes a directory with everything in it (links are removed, never followed), or a file.
+  // Entries that another thread or process removes meanwhile are no error. True when nothing is
+  // left at `path`.
+  static bool removeTree(const std::string& path);
+
   // Keeps the directory's regular files (not its subdirectories) within a byte budget: deletes the
   // least recently modified files until their total size is at most `value` (0 empties it). False
   // when the directory is missing or a file could not be deleted.
