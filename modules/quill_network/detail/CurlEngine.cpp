@@ -68,7 +68,7 @@ void CurlEngine::start(const std::string& id, TransferSpec spec) {
   }
   liveIds.insert(id);
   queuedStarts.push_back(std::move(queued));
-  curl_multi_wakeup(multi.get());
+  wakeLocked();
 }
 
 void CurlEngine::cancel(const std::string& id) {
@@ -77,7 +77,7 @@ void CurlEngine::cancel(const std::string& id) {
     return;
   }
   queuedCancels.push_back(id);
-  curl_multi_wakeup(multi.get());
+  wakeLocked();
 }
 
 void CurlEngine::shutdown() {
@@ -136,6 +136,7 @@ void CurlEngine::run() {
         if (stopping) {
           break;
         }
+        pollingUnwoken = false;
         starts.swap(queuedStarts);
         cancels.swap(queuedCancels);
       }
@@ -147,6 +148,9 @@ void CurlEngine::run() {
         QLOG_ERROR("curl_multi_perform failed: " << curl_multi_strerror(performed));
       }
       collectFinished();
+      if (!mayPoll()) {
+        continue;
+      }
       const CURLMcode polled =
           curl_multi_poll(multi.get(), nullptr, 0, static_cast<int>(pollTimeoutMs()), nullptr);
       if (polled != CURLM_OK) {
@@ -157,6 +161,27 @@ void CurlEngine::run() {
     QLOG_ERROR("network thread stopped: " << error.what());
   }
   abandonAll();
+}
+
+void CurlEngine::wakeLocked() {
+  // A wakeup is a write to a socket pair and a read on the network thread: for a stream of short
+  // transfers that is one of each per file. The thread busy with transfers finds the news at the
+  // top of its loop; only a thread that has committed to sleeping needs one, and one is enough.
+  if (pollingUnwoken) {
+    pollingUnwoken = false;
+    curl_multi_wakeup(multi.get());
+  }
+}
+
+bool CurlEngine::mayPoll() {
+  std::lock_guard<std::mutex> lock(mutex);
+  if (stopping || !queuedStarts.empty() || !queuedCancels.empty()) {
+    return false;
+  }
+  // From here until the thread takes its news again, whoever queues something wakes it. A wakeup
+  // sent before the poll starts makes the poll return at once.
+  pollingUnwoken = true;
+  return true;
 }
 
 void CurlEngine::handleQueued(std::vector<QueuedStart> starts, std::vector<std::string> cancels) {

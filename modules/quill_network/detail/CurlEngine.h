@@ -67,6 +67,10 @@ private:
   void complete(const std::string& id, const HttpClient::CompletionFunction& completion,
                 const std::shared_ptr<HttpResponse>& response);
   void abandonAll();
+  // Under mutex: makes the network thread look at its news, waking it if it sleeps.
+  void wakeLocked();
+  // Whether the network thread may sleep in curl_multi_poll now: nothing is queued for it.
+  bool mayPoll();
 
   // Set once shutdown begins; read lock-free by the transfers to stop calling the caller's
   // functions.
@@ -74,6 +78,9 @@ private:
 
   std::mutex mutex;
   bool stopping = false;  // under mutex: no more wakeups once the network thread has seen it
+  // Under mutex: the network thread is in (or about to enter) curl_multi_poll and no wakeup has
+  // been sent since. News finds the thread otherwise at the top of its loop, without a wakeup.
+  bool pollingUnwoken = false;
   std::vector<QueuedStart> queuedStarts;
   std::vector<std::string> queuedCancels;
   std::unordered_set<std::string> liveIds;  // started and not yet completed
