@@ -19,6 +19,7 @@ import platform
 import pwd
 import re
 import select
+import shlex
 import shutil
 import signal
 import socket
@@ -392,6 +393,8 @@ class Bench:
         self.servers = Servers(self.work, self.build_dir)
         self.logs = os.path.join(self.work, "logs")
         os.makedirs(self.logs)
+        # Small files served from and written to tmpfs: the disk's noise out of the comparison.
+        self.tmpfs = tempfile.mkdtemp(prefix="quill-bench-", dir="/dev/shm") if os.path.isdir("/dev/shm") else None
         self.samples = {}  # name -> list of Run
         self.results = []
         self.failures = []
@@ -464,6 +467,15 @@ class Bench:
                 f.write(os.urandom(16 * 1024))
             self.servers.publish(path, "small/f%04d.bin" % i)
             self.small_urls.append("http://127.0.0.1:%d/small/f%04d.bin" % (self.servers.http_port, i))
+        self.small_tmpfs_urls = []
+        if self.tmpfs:
+            # The same bytes on tmpfs, served through a link in nginx's root (nginx follows links).
+            served = os.path.join(self.tmpfs, "small")
+            shutil.copytree(small_dir, served)
+            os.chmod(self.tmpfs, 0o755)
+            os.chmod(served, 0o755)
+            os.symlink(served, os.path.join(self.servers.www, "small-tmpfs"))
+            self.small_tmpfs_urls = [u.replace("/small/", "/small-tmpfs/") for u in self.small_urls]
         self.photo = os.path.join(data, "photo.jpg")
         make_photo(data, self.photo)
         os.chmod(self.photo, 0o644)
@@ -475,7 +487,8 @@ class Bench:
         self.avatar_bytes = [os.path.getsize(os.path.join(self.servers.www, "avatars/a%04d.jpg" % i))
                              for i in range(len(self.avatar_urls))]
         self.lists = {}
-        for kind, urls in (("small", self.small_urls), ("avatars", self.avatar_urls)):
+        for kind, urls in (("small", self.small_urls), ("small-tmpfs", self.small_tmpfs_urls),
+                           ("avatars", self.avatar_urls)):
             listing = os.path.join(data, kind + ".txt")
             with open(listing, "w") as f:
                 f.write("\n".join(urls) + "\n")
@@ -622,14 +635,14 @@ class Bench:
                 f.write('url = "%s"\noutput = "%s/%s"\n' % (url, directory, url.rsplit("/", 1)[1]))
         return [CURL, "-sS", "--fail", "--parallel", "--parallel-max", "4", "-K", config]
 
-    def kept_dir(self, name, r):
+    def kept_dir(self, name, r, base=None):
         """A fresh output directory of small files, left in place until the whole run ends.
 
         Deleting a thousand files just before a run made the next run's file creation pay for it
         (ext4 skips recently freed inodes while it allocates), which swung these comparisons by
         more than 100% depending on what ran before; nothing is deleted between these runs now.
         """
-        path = os.path.join(self.work, "kept-%s-%d" % (name, r))
+        path = os.path.join(base or self.work, "kept-%s-%d" % (name, r))
         shutil.rmtree(path, ignore_errors=True)
         os.makedirs(path)
         return path
@@ -643,6 +656,25 @@ class Bench:
                 lambda: self.kept_dir("many-ours", r), self.expect_files(ours_dir, self.small_count)),
             ("many-curl", theirs, lambda: self.kept_dir("many-curl", r),
              self.expect_files(theirs_dir, self.small_count)))
+
+        if self.tmpfs:
+            ours_dir = os.path.join(self.tmpfs, "kept-many-tmpfs-ours-%d" % r)
+            theirs_dir = os.path.join(self.tmpfs, "kept-many-tmpfs-curl-%d" % r)
+            theirs = self.curl_parallel(self.small_tmpfs_urls, theirs_dir)
+            self.pair(
+                r, ("many-tmpfs-ours", [self.ours, "many", self.lists["small-tmpfs"], ours_dir],
+                    lambda: self.kept_dir("many-tmpfs-ours", r, self.tmpfs),
+                    self.expect_files(ours_dir, self.small_count)),
+                ("many-tmpfs-curl", theirs, lambda: self.kept_dir("many-tmpfs-curl", r, self.tmpfs),
+                 self.expect_files(theirs_dir, self.small_count)))
+
+    def curl_and_vipsthumbnail(self, fetched, scaled):
+        """What a user could script for the avatars: curl fetches them 4 at a time, then
+        vipsthumbnail scales them to fit 200 px, two processes at a time (one per core here)."""
+        fetch = " ".join(shlex.quote(a) for a in self.curl_parallel(self.avatar_urls, fetched))
+        scale = ("ls %s | xargs -P %d -n 100 sh -c 'cd %s && exec %s -s 200 -o %s/%%s.jpg \"$@\"' sh" % (
+            shlex.quote(fetched), os.cpu_count() or 1, shlex.quote(fetched), VIPSTHUMBNAIL, shlex.quote(scaled)))
+        return ["/bin/sh", "-c", "set -e; %s; %s" % (fetch, scale)]
 
     def avatars(self, r):
         ours_root = os.path.join(self.work, "kept-avatars-ours-%d" % r)
@@ -659,6 +691,15 @@ class Bench:
                 lambda: self.kept_dir("avatars-ours", r), check_ours),
             ("avatars-curl", theirs, lambda: self.kept_dir("avatars-curl", r),
              self.expect_files(theirs_dir, self.avatar_count)))
+        fetched = os.path.join(self.work, "kept-avatars-pipeline-%d" % r)
+        scaled = os.path.join(self.work, "kept-avatars-pipeline-scaled-%d" % r)
+
+        def prepare_pipeline():
+            self.kept_dir("avatars-pipeline", r)
+            self.kept_dir("avatars-pipeline-scaled", r)
+
+        self.run("avatars-curl-vips", self.curl_and_vipsthumbnail(fetched, scaled), prepare_pipeline,
+                 self.expect_files(scaled, self.avatar_count))
 
     def scaling(self, r):
         d = os.path.join(self.work, "out-scale")
@@ -745,7 +786,9 @@ class Bench:
                        None, 48)
         self.pair_rows("2 upload signed PUT", "upload-put-ours", "upload-put-curl", size, "MB/s", 0.95, None, 48)
         self.pair_rows("3 %d x 16 KiB" % self.small_count, "many-ours", "many-curl", self.small_count * 16384,
-                       "files/s", 1.0, per_item=self.small_count)
+                       "files/s", 1.0, per_item=self.small_count, cpu_target=1 / 1.1)
+        self.pair_rows("3 %d x 16 KiB, tmpfs" % self.small_count, "many-tmpfs-ours", "many-tmpfs-curl",
+                       self.small_count * 16384, "files/s", 1.0, per_item=self.small_count, cpu_target=1 / 1.1)
         if scheduler:
             for n in sorted(scheduler):
                 us = scheduler[n]["us_per_request"]
@@ -782,6 +825,16 @@ class Bench:
                      {"median": median(tc) * GIB / size}, median(tc) / median(oc), "", None)
         self.pair_rows("7 %d avatars fetched+scaled" % self.avatar_count, "avatars-ours", "avatars-curl",
                        sum(self.avatar_bytes), "files/s", 1.0, per_item=self.avatar_count)
+        self.pair_rows("7 %d avatars vs curl + vipsthumbnail" % self.avatar_count, "avatars-ours",
+                       "avatars-curl-vips", sum(self.avatar_bytes), "files/s", 1.0, per_item=self.avatar_count)
+        ours_avatars = self.stat("avatars-ours")
+        if ours_avatars:
+            per_second = self.avatar_count / median(ours_avatars)
+            cpu = median(self.stat("avatars-ours", "cpu")) * 1000 / self.avatar_count
+            self.add("7 avatars, absolute", "files/s", {"median": per_second}, None, per_second / 1800,
+                     ">= 1800/s", per_second >= 1800)
+            self.add("7 avatars, absolute", "CPU s per 1000", {"median": cpu}, None, 1.2 / cpu if cpu else None,
+                     "<= 1.2", cpu <= 1.2)
         cut, aria2, uncut = self.stat("resume-cut-ours"), self.stat("resume-cut-aria2c"), self.stat("resume-uncut-ours")
         if cut:
             title = "8 %d MiB cut every %d MiB" % (size // MIB, self.cut_every // MIB)
@@ -915,6 +968,8 @@ class Bench:
                 print("bench: kept %s" % self.work, file=sys.stderr)
             else:
                 shutil.rmtree(self.work, ignore_errors=True)
+            if self.tmpfs:
+                shutil.rmtree(self.tmpfs, ignore_errors=True)
 
 
 def main():
