@@ -231,6 +231,66 @@ TEST_F(LeftBehind, ARecordAnotherDownloadHoldsIsLeftAlone) {
   EXPECT_EQ(quill_test::entriesIn(cache()), 1u) << "only the held record";
 }
 
+// What the cache directory holds while a download is under way: "<name>.part" files and
+// ".<hash>.resume" records.
+struct CacheCounts {
+  std::size_t partials = 0;
+  std::size_t records = 0;
+};
+
+CacheCounts countCache(const std::string& cache) {
+  CacheCounts counts;
+  std::error_code error;
+  for (std::filesystem::directory_iterator it(std::filesystem::u8path(cache), error), end;
+       !error && it != end; it.increment(error)) {
+    const auto name = it->path().filename().u8string();
+    const auto endsWith = [&](const std::string& ending) {
+      return name.size() > ending.size() &&
+             name.compare(name.size() - ending.size(), ending.size(), ending) == 0;
+    };
+    counts.partials += endsWith(".part") ? 1 : 0;
+    counts.records += endsWith(".resume") ? 1 : 0;
+  }
+  return counts;
+}
+
+TEST_F(LeftBehind, AFileOfAMebibyteOrMoreGetsARecordWhileItDownloads) {
+  const auto [local, path] = store(2 * 1024 * 1024, 13);
+  // Slowed, so that it is still under way while the directory is looked at.
+  auto big = download(CloudEnvironment::url(path) + "?quill_rate=1000000", "big.bin");
+  EXPECT_TRUE(quill_test::eventually([&] { return countCache(cache()).records == 1; }))
+      << "a record beside the partial file";
+  EXPECT_EQ(countCache(cache()).partials, 1u);
+  ASSERT_TRUE(big.waitEnded(std::chrono::seconds(30)));
+  EXPECT_EQ(big.code(), CloudStorageResult::kSuccess) << big.cause().text;
+  EXPECT_EQ(quill_test::entriesIn(cache()), 0u) << "record and partial file gone with the download";
+}
+
+TEST_F(LeftBehind, ASmallFileGoesWithoutARecord) {
+  const auto [local, path] = store(256 * 1024, 14);
+  auto small = download(CloudEnvironment::url(path) + "?quill_rate=100000", "small.bin");
+  // Well into the body: the first reply, and with it the decision about a record, is long past.
+  ASSERT_TRUE(quill_test::eventually([&] {
+    const auto counts = countCache(cache());
+    if (counts.partials != 1) {
+      return false;
+    }
+    std::error_code error;
+    for (std::filesystem::directory_iterator it(std::filesystem::u8path(cache()), error), end;
+         !error && it != end; it.increment(error)) {
+      if (it->path().extension() == ".part" && it->file_size(error) >= 100 * 1024) {
+        return true;
+      }
+    }
+    return false;
+  }));
+  EXPECT_EQ(countCache(cache()).records, 0u) << "fetching 256 KiB again costs less than a record";
+  ASSERT_TRUE(small.waitEnded(std::chrono::seconds(30)));
+  EXPECT_EQ(small.code(), CloudStorageResult::kSuccess) << small.cause().text;
+  EXPECT_EQ(readFile(FileUtils::appendComponent(destination.path(), "small.bin")),
+            readFile(local));
+}
+
 TEST_F(LeftBehind, SigningInRemovesPartialsOlderThanAWeek) {
   const auto old = FileUtils::appendComponent(cache(), ".old.bin.5678.part");
   const auto recent = FileUtils::appendComponent(cache(), ".recent.bin.9abc.part");

@@ -91,6 +91,8 @@ namespace {
 
 // Bytes a download moves between two writes of its record.
 constexpr std::int64_t kRecordEveryBytes = 16 * 1024 * 1024;
+// The smallest file that gets a record (when its length is known).
+constexpr std::int64_t kRecordFromBytes = 1024 * 1024;
 
 std::int64_t secondsNow() {
   return std::chrono::duration_cast<std::chrono::seconds>(
@@ -101,7 +103,11 @@ std::int64_t secondsNow() {
 }  // namespace
 
 void DownloadTask::prepareResumeRecord(const std::string& finalPath) {
-  recordLock = LockedFile::tryLock(ResumeRecord::pathFor(cachePath, request->url, finalPath));
+  recordPath = ResumeRecord::pathFor(cachePath, request->url, finalPath);
+  // Only a record that is there is looked at: opening one makes it.
+  if (FileUtils::fileExists(recordPath)) {
+    recordLock = LockedFile::tryLock(recordPath);
+  }
   if (recordLock) {
     const auto found = ResumeRecord::parse(recordLock->read());
     if (found) {
@@ -118,12 +124,10 @@ void DownloadTask::prepareResumeRecord(const std::string& finalPath) {
       // A record of no use: the file it names (if any) cannot be taken up either.
       FileUtils::removeFile(partial);
     }
+    dropRecord();
   }
   tempFilePath = FileUtils::temporaryPath(cachePath, request->fileName);
-  if (recordLock) {
-    record = ResumeRecord{request->url, finalPath, FileUtils::fileName(tempFilePath), "", 0, 0};
-    writeRecord(0);
-  }
+  record = ResumeRecord{request->url, finalPath, FileUtils::fileName(tempFilePath), "", 0, 0};
 }
 
 void DownloadTask::writeRecord(std::int64_t bytes) {
@@ -134,9 +138,15 @@ void DownloadTask::writeRecord(std::int64_t bytes) {
   }
 }
 
-void DownloadTask::noteValidator(const std::string& validator) {
+void DownloadTask::noteValidator(const std::string& validator, std::int64_t length) {
   if (!recordLock) {
-    return;
+    if (recordPath.empty() || (length >= 0 && length < kRecordFromBytes)) {
+      return;
+    }
+    recordLock = LockedFile::tryLock(recordPath);
+    if (!recordLock) {
+      return;  // another download of the same file keeps its record: this one goes without
+    }
   }
   record.validator = validator;
   writeRecord(static_cast<std::int64_t>(FileUtils::fileSize(tempFilePath)));
@@ -200,12 +210,12 @@ void DownloadTask::startDownload() {
 
   HttpDownloadResume resume;
   resume.validator = resumeValidator;
-  if (recordLock) {
-    resume.onValidator = [weak, queue = std::weak_ptr<SerialQueue>(queue),
-                          transfer](const std::string& validator) {
-      postIfAlive(weak, queue, [transfer, validator](DownloadTask& alive) {
+  if (!recordPath.empty()) {
+    resume.onValidator = [weak, queue = std::weak_ptr<SerialQueue>(queue), transfer](
+                             const std::string& validator, std::int64_t length) {
+      postIfAlive(weak, queue, [transfer, validator, length](DownloadTask& alive) {
         if (alive.currentTransferIs(transfer)) {
-          alive.noteValidator(validator);
+          alive.noteValidator(validator, length);
         }
       });
     };

@@ -17,11 +17,13 @@ namespace cloud {
 // complete. An image download from the static-content host that fails without a known status is
 // rewritten to the image CDN host once and handed back for a retry.
 //
-// In the cache directory the temporary file has a resume record beside it (ResumeRecord), held
+// In the cache directory the temporary file gets a resume record beside it (ResumeRecord), held
 // locked while the task runs: when the process dies, the next download of the same URL to the same
-// final path, here or in another process, takes the file up and asks only for the rest. A record
-// held by another download is left alone (that download then goes without one), and a record
-// without a validator, or whose file is gone, is replaced.
+// final path, here or in another process, takes the file up and asks only for the rest. The record
+// is made once the first reply is in, and only for a file of at least 1 MiB (or of
+// unknown length): fetching a small file again costs less than keeping a record for every one. A
+// record held by another download is left alone (that download then goes without one), and a
+// record without a validator, or whose file is gone, is removed.
 class DownloadTask : public ITask {
 public:
   DownloadTask(const std::string& cachePath, int type, std::shared_ptr<CloudStorageRequest> request,
@@ -41,15 +43,19 @@ protected:
   void bytesMoved(std::int64_t done) override;
 
 private:
-  // Takes up the partial file a record names, or starts a record for a new temporary file.
+  // Takes up the partial file a record names, or picks a new temporary file (whose record, if it
+  // gets one, is made by noteValidator).
   void prepareResumeRecord(const std::string& finalPath);
-  // Keeps the first reply's validator (and the bytes so far) in the record.
-  void noteValidator(const std::string& validator);
+  // Keeps the first reply's validator (and the bytes so far) in the record, making the record when
+  // the file is worth one: `length` bytes (-1: unknown).
+  void noteValidator(const std::string& validator, std::int64_t length);
   void writeRecord(std::int64_t bytes);
   // The download ended (or starts over elsewhere): its record goes.
   void dropRecord();
 
   std::string tempFilePath;
+  // Where the record of this download goes; empty without a cache directory.
+  std::string recordPath;
   std::unique_ptr<LockedFile> recordLock;
   ResumeRecord record;
   // The validator to take up tempFilePath with; empty for a new file.

@@ -347,7 +347,7 @@ bool CurlTransfer::beginBody() {
     validator = !replyEtag.empty() && replyEtag.rfind("W/", 0) != 0 ? replyEtag : replyLastModified;
     if (spec.resume.onValidator && !quiet.load(std::memory_order_relaxed)) {
       try {
-        spec.resume.onValidator(validator);
+        spec.resume.onValidator(validator, static_cast<std::int64_t>(downloadLength));
       } catch (...) {
         QLOG_ERROR("validator function of " << transferId << " threw");
       }

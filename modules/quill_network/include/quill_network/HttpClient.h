@@ -5,6 +5,7 @@
 #include <quill_network/HttpResponse.h>
 #include <quill_network/quill_network_export.h>
 
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -41,8 +42,9 @@ struct HttpDownloadResume {
   std::string validator;
   // Called on the network thread with the validator of the file being written, once it is known
   // (at the first reply, and again when the server sends the whole file anew), for the caller to
-  // keep with the partial file.
-  std::function<void(const std::string& validator)> onValidator;
+  // keep with the partial file; `length` is the whole file's size in bytes, -1 when the reply does
+  // not tell.
+  std::function<void(const std::string& validator, std::int64_t length)> onValidator;
 };
 
 class QUILL_NETWORK_EXPORT HttpClient {
