@@ -677,8 +677,10 @@ class Bench:
         return ["/bin/sh", "-c", "set -e; %s; %s" % (fetch, scale)]
 
     def avatars(self, r):
-        ours_root = os.path.join(self.work, "kept-avatars-ours-%d" % r)
-        theirs_dir = os.path.join(self.work, "kept-avatars-curl-%d" % r)
+        # On tmpfs where there is one: with the disk in it, the same run varied by half.
+        base = self.tmpfs or self.work
+        ours_root = os.path.join(base, "kept-avatars-ours-%d" % r)
+        theirs_dir = os.path.join(base, "kept-avatars-curl-%d" % r)
         theirs = self.curl_parallel(self.avatar_urls, theirs_dir)
 
         def check_ours(run):
@@ -688,15 +690,15 @@ class Bench:
 
         self.pair(
             r, ("avatars-ours", [self.ours, "avatars", self.lists["avatars"], ours_root],
-                lambda: self.kept_dir("avatars-ours", r), check_ours),
-            ("avatars-curl", theirs, lambda: self.kept_dir("avatars-curl", r),
+                lambda: self.kept_dir("avatars-ours", r, base), check_ours),
+            ("avatars-curl", theirs, lambda: self.kept_dir("avatars-curl", r, base),
              self.expect_files(theirs_dir, self.avatar_count)))
-        fetched = os.path.join(self.work, "kept-avatars-pipeline-%d" % r)
-        scaled = os.path.join(self.work, "kept-avatars-pipeline-scaled-%d" % r)
+        fetched = os.path.join(base, "kept-avatars-pipeline-%d" % r)
+        scaled = os.path.join(base, "kept-avatars-pipeline-scaled-%d" % r)
 
         def prepare_pipeline():
-            self.kept_dir("avatars-pipeline", r)
-            self.kept_dir("avatars-pipeline-scaled", r)
+            self.kept_dir("avatars-pipeline", r, base)
+            self.kept_dir("avatars-pipeline-scaled", r, base)
 
         self.run("avatars-curl-vips", self.curl_and_vipsthumbnail(fetched, scaled), prepare_pipeline,
                  self.expect_files(scaled, self.avatar_count))

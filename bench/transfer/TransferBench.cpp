@@ -165,9 +165,19 @@ int upload(const std::string& route, const std::string& file) {
       ",\"bytes\":" + std::to_string(request->fileSize) + ",\"url\":\"" + request->url + "\"");
 }
 
+// A host signs its user in before it transfers anything: the user directory (with the service's
+// cache directory in it) goes beside `directory`, on the same file system.
+std::string signIn(CloudStorageService& service, const std::string& directory) {
+  const std::string userDirectory = directory + ".user";
+  std::filesystem::create_directories(userDirectory);
+  service.changeUser("bench-app", "bench-pin", userDirectory);
+  return userDirectory;
+}
+
 int many(const std::string& listPath, const std::string& directory) {
   const auto urls = readLines(listPath);
   CloudStorageService service(false);
+  signIn(service, directory);
   Countdown countdown(urls.size());
   std::vector<std::shared_ptr<CloudStorageRequest>> requests;
   requests.reserve(urls.size());
@@ -204,6 +214,7 @@ int avatars(const std::string& listPath, const std::string& root) {
   const auto urls = readLines(listPath);
   auto queue = std::make_shared<SerialQueue>("bench-avatars");
   auto service = std::make_shared<CloudStorageService>(false);
+  signIn(*service, root);
   Countdown countdown(urls.size());
   AvatarCounter counter(countdown);
   std::size_t ready = 0;

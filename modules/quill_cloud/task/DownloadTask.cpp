@@ -91,8 +91,12 @@ namespace {
 
 // Bytes a download moves between two writes of its record.
 constexpr std::int64_t kRecordEveryBytes = 16 * 1024 * 1024;
-// The smallest file that gets a record (when its length is known).
-constexpr std::int64_t kRecordFromBytes = 1024 * 1024;
+// Whether a file of `length` bytes (-1: unknown) gets a record: fetching a smaller one again after
+// a crash costs less than keeping a record for every download.
+bool worthARecord(std::int64_t length) {
+  constexpr std::int64_t kRecordFromBytes = 1024 * 1024;
+  return length < 0 || length >= kRecordFromBytes;
+}
 
 std::int64_t secondsNow() {
   return std::chrono::duration_cast<std::chrono::seconds>(
@@ -140,7 +144,7 @@ void DownloadTask::writeRecord(std::int64_t bytes) {
 
 void DownloadTask::noteValidator(const std::string& validator, std::int64_t length) {
   if (!recordLock) {
-    if (recordPath.empty() || (length >= 0 && length < kRecordFromBytes)) {
+    if (recordPath.empty() || !worthARecord(length)) {
       return;
     }
     recordLock = LockedFile::tryLock(recordPath);
@@ -211,8 +215,13 @@ void DownloadTask::startDownload() {
   HttpDownloadResume resume;
   resume.validator = resumeValidator;
   if (!recordPath.empty()) {
-    resume.onValidator = [weak, queue = std::weak_ptr<SerialQueue>(queue), transfer](
-                             const std::string& validator, std::int64_t length) {
+    // Without a record yet, a small file will not get one: then there is nothing to post.
+    resume.onValidator = [weak, queue = std::weak_ptr<SerialQueue>(queue), transfer,
+                          recorded = recordLock != nullptr](const std::string& validator,
+                                                            std::int64_t length) {
+      if (!recorded && !worthARecord(length)) {
+        return;
+      }
       postIfAlive(weak, queue, [transfer, validator, length](DownloadTask& alive) {
         if (alive.currentTransferIs(transfer)) {
           alive.noteValidator(validator, length);
