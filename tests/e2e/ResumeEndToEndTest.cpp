@@ -287,8 +287,7 @@ TEST_F(LeftBehind, ASmallFileGoesWithoutARecord) {
   EXPECT_EQ(countCache(cache()).records, 0u) << "fetching 256 KiB again costs less than a record";
   ASSERT_TRUE(small.waitEnded(std::chrono::seconds(30)));
   EXPECT_EQ(small.code(), CloudStorageResult::kSuccess) << small.cause().text;
-  EXPECT_EQ(readFile(FileUtils::appendComponent(destination.path(), "small.bin")),
-            readFile(local));
+  EXPECT_EQ(readFile(FileUtils::appendComponent(destination.path(), "small.bin")), readFile(local));
 }
 
 TEST_F(LeftBehind, SigningInRemovesPartialsOlderThanAWeek) {
