@@ -648,25 +648,20 @@ class Bench:
         return path
 
     def many(self, r):
-        ours_dir = os.path.join(self.work, "kept-many-ours-%d" % r)
-        theirs_dir = os.path.join(self.work, "kept-many-curl-%d" % r)
-        theirs = self.curl_parallel(self.small_urls, theirs_dir)
-        self.pair(
-            r, ("many-ours", [self.ours, "many", self.lists["small"], ours_dir],
-                lambda: self.kept_dir("many-ours", r), self.expect_files(ours_dir, self.small_count)),
-            ("many-curl", theirs, lambda: self.kept_dir("many-curl", r),
-             self.expect_files(theirs_dir, self.small_count)))
-
+        self.many_pair(r, "many", self.small_urls, self.lists["small"], self.work)
         if self.tmpfs:
-            ours_dir = os.path.join(self.tmpfs, "kept-many-tmpfs-ours-%d" % r)
-            theirs_dir = os.path.join(self.tmpfs, "kept-many-tmpfs-curl-%d" % r)
-            theirs = self.curl_parallel(self.small_tmpfs_urls, theirs_dir)
-            self.pair(
-                r, ("many-tmpfs-ours", [self.ours, "many", self.lists["small-tmpfs"], ours_dir],
-                    lambda: self.kept_dir("many-tmpfs-ours", r, self.tmpfs),
-                    self.expect_files(ours_dir, self.small_count)),
-                ("many-tmpfs-curl", theirs, lambda: self.kept_dir("many-tmpfs-curl", r, self.tmpfs),
-                 self.expect_files(theirs_dir, self.small_count)))
+            self.many_pair(r, "many-tmpfs", self.small_tmpfs_urls, self.lists["small-tmpfs"], self.tmpfs)
+
+    def many_pair(self, r, name, urls, listing, base):
+        """Ours and curl fetching the small files at `urls` into kept directories under `base`."""
+        ours_dir = os.path.join(base, "kept-%s-ours-%d" % (name, r))
+        theirs_dir = os.path.join(base, "kept-%s-curl-%d" % (name, r))
+        theirs = self.curl_parallel(urls, theirs_dir)
+        self.pair(
+            r, ("%s-ours" % name, [self.ours, "many", listing, ours_dir],
+                lambda: self.kept_dir("%s-ours" % name, r, base), self.expect_files(ours_dir, self.small_count)),
+            ("%s-curl" % name, theirs, lambda: self.kept_dir("%s-curl" % name, r, base),
+             self.expect_files(theirs_dir, self.small_count)))
 
     def curl_and_vipsthumbnail(self, fetched, scaled):
         """What a user could script for the avatars: curl fetches them 4 at a time, then
@@ -966,12 +961,12 @@ class Bench:
             return 1
         finally:
             self.servers.stop()
-            if self.args.keep:
-                print("bench: kept %s" % self.work, file=sys.stderr)
-            else:
-                shutil.rmtree(self.work, ignore_errors=True)
-            if self.tmpfs:
-                shutil.rmtree(self.tmpfs, ignore_errors=True)
+            kept = [self.work] + ([self.tmpfs] if self.tmpfs else [])
+            for path in kept:
+                if self.args.keep:
+                    print("bench: kept %s" % path, file=sys.stderr)
+                else:
+                    shutil.rmtree(path, ignore_errors=True)
 
 
 def main():

@@ -167,11 +167,10 @@ int upload(const std::string& route, const std::string& file) {
 
 // A host signs its user in before it transfers anything: the user directory (with the service's
 // cache directory in it) goes beside `directory`, on the same file system.
-std::string signIn(CloudStorageService& service, const std::string& directory) {
+void signIn(CloudStorageService& service, const std::string& directory) {
   const std::string userDirectory = directory + ".user";
   std::filesystem::create_directories(userDirectory);
   service.changeUser("bench-app", "bench-pin", userDirectory);
-  return userDirectory;
 }
 
 int many(const std::string& listPath, const std::string& directory) {
