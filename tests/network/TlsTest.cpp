@@ -7,8 +7,11 @@
 #include "NetworkTestSupport.h"
 #include "OverBothSchemes.h"
 #include "TestSupport.h"
+#include "TrustedRootCertificate.h"
 
 #include <gtest/gtest.h>
+
+#include <memory>
 
 using namespace quill_test;
 
@@ -23,10 +26,27 @@ protected:
   }
 
   std::shared_ptr<HttpResponse> download(const std::string& path) {
+    return downloadFrom(fileService(Scheme::Https).baseUrl() + urlPath, path);
+  }
+
+  static std::shared_ptr<HttpResponse> downloadFrom(const std::string& url,
+                                                    const std::string& path) {
     auto record = TransferRecord::make();
-    HttpClient::downloadFile(fileService(Scheme::Https).baseUrl() + urlPath, path, nullptr,
-                             record->completion());
+    HttpClient::downloadFile(url, path, nullptr, record->completion());
     return record->wait();
+  }
+
+  // A started HTTPS service with a CA of its own, its data in `data`; null when it cannot start.
+  static std::unique_ptr<quill_fileservice::FileService> ownTlsService(const TempDir& data) {
+    quill_fileservice::Options options;
+    options.dataDirectory = data.path();
+    options.tls = true;
+    auto service = std::make_unique<quill_fileservice::FileService>(options);
+    if (!service->start()) {
+      ADD_FAILURE() << service->lastError();
+      return nullptr;
+    }
+    return service;
   }
 
   TempDir dir;
@@ -60,16 +80,42 @@ TEST_F(Tls, WithoutTheCaTheCertificateIsRefused) {
 
 TEST_F(Tls, AnotherCaIsRefused) {
   TempDir otherData;
-  quill_fileservice::Options options;
-  options.dataDirectory = otherData.path();
-  options.tls = true;
-  quill_fileservice::FileService other(options);
-  ASSERT_TRUE(other.start()) << other.lastError();
+  auto other = ownTlsService(otherData);
+  ASSERT_NE(other, nullptr);
 
-  ScopedEnv wrongBundle("QUILL_CA_BUNDLE", other.caCertificatePath());
+  ScopedEnv wrongBundle("QUILL_CA_BUNDLE", other->caCertificatePath());
   auto response = download(dir.file("out"));
   ASSERT_NE(response, nullptr);
   EXPECT_EQ(response->outcome, HttpResponse::kFailed);
   EXPECT_EQ(response->status, 0);
   EXPECT_FALSE(FileUtils::fileExists(dir.file("out")));
 }
+
+#if defined(_WIN32)
+// Without QUILL_CA_BUNDLE, Windows trusts its certificate store: a CA an administrator added to
+// the machine's roots (a company's own) is trusted. A service of its own, so that no connection
+// or TLS session trusted some other way exists for it.
+TEST_F(Tls, OnWindowsARootInTheCertificateStoreIsTrusted) {
+  TempDir ownData;
+  auto own = ownTlsService(ownData);
+  ASSERT_NE(own, nullptr);
+  const auto ownPath = own->addFile("store.bin", dir.file("source"));
+  ASSERT_FALSE(ownPath.empty());
+  const std::string ownUrl = own->baseUrl() + ownPath;
+  ScopedEnv noBundle("QUILL_CA_BUNDLE", std::nullopt);
+
+  auto untrusted = downloadFrom(ownUrl, dir.file("before"));
+  ASSERT_NE(untrusted, nullptr);
+  EXPECT_EQ(untrusted->outcome, HttpResponse::kFailed) << "trusted before it was in the store";
+
+  TrustedRootCertificate root(own->caCertificatePath());
+  if (root.accessDenied()) {
+    GTEST_SKIP() << "adding a root needs administrator rights: " << root.error();
+  }
+  ASSERT_TRUE(root.installed()) << root.error();
+  auto response = downloadFrom(ownUrl, dir.file("out"));
+  ASSERT_NE(response, nullptr);
+  EXPECT_EQ(response->outcome, HttpResponse::kCompleted) << response->text;
+  EXPECT_TRUE(holdsPattern(dir.file("out"), 5000));
+}
+#endif
