@@ -9,13 +9,10 @@
 
 #include <cstdlib>
 #else
-#include <pthread.h>
-#include <signal.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <ctime>
 #endif
 
 namespace quill_cli {
@@ -23,19 +20,6 @@ namespace quill_cli {
 #if defined(_WIN32)
 
 namespace {
-
-// Set by the console control handler, taken by waitForStopRequest (an auto-reset event: each wait
-// that sees it takes it). The handler runs on a thread of the system's and must only signal.
-HANDLE stopEvent = nullptr;
-
-BOOL WINAPI onConsoleControl(DWORD event) {
-  if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) {
-    // Closing the console, logging off, shutting down: the system's default (the process ends).
-    return FALSE;
-  }
-  SetEvent(stopEvent);
-  return TRUE;
-}
 
 HANDLE errorConsole() {
   const HANDLE handle = GetStdHandle(STD_ERROR_HANDLE);
@@ -104,32 +88,9 @@ bool errorTerminalTakesEscapes() {
   return SetConsoleMode(console, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0;
 }
 
-bool blockStopSignals() {
-  stopEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-  // A process started in a process group of its own, or by one that ignores Ctrl-C, inherits the
-  // flag that ignores it: Ctrl-C is taken again, by the handler.
-  SetConsoleCtrlHandler(nullptr, FALSE);
-  return stopEvent != nullptr && SetConsoleCtrlHandler(onConsoleControl, TRUE) != 0;
-}
-
-bool waitForStopRequest(std::chrono::milliseconds tick) {
-  if (stopEvent == nullptr) {
-    return false;
-  }
-  return WaitForSingleObject(stopEvent, static_cast<DWORD>(tick.count())) == WAIT_OBJECT_0;
-}
-
 #else
 
 namespace {
-
-sigset_t stopSignals() {
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGTERM);
-  return set;
-}
 
 winsize terminalSize() {
   winsize size{};
@@ -156,24 +117,6 @@ TerminalSize errorTerminalSize() {
 
 bool errorTerminalTakesEscapes() {
   return isatty(STDERR_FILENO) != 0 && terminalUnderstandsEscapes(std::getenv("TERM"));
-}
-
-bool blockStopSignals() {
-  const sigset_t set = stopSignals();
-  struct sigaction ignore {};
-  ignore.sa_handler = SIG_IGN;
-  sigemptyset(&ignore.sa_mask);
-  return pthread_sigmask(SIG_BLOCK, &set, nullptr) == 0 &&
-         sigaction(SIGPIPE, &ignore, nullptr) == 0;
-}
-
-bool waitForStopRequest(std::chrono::milliseconds tick) {
-  const sigset_t signals = stopSignals();
-  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(tick);
-  const timespec wait{static_cast<std::time_t>(seconds.count()),
-                      static_cast<long>((tick - seconds).count() * 1000 * 1000)};
-  const int signal = sigtimedwait(&signals, nullptr, &wait);
-  return signal == SIGINT || signal == SIGTERM;
 }
 
 #endif

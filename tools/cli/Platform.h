@@ -1,9 +1,8 @@
 #pragma once
 
 // The few things the tool asks of the operating system that differ between POSIX and Windows:
-// paths as UTF-8 strings, its own environment, the terminal standard error goes to, and the
-// requests to stop (Ctrl-C, SIGTERM, a console control event).
-#include <chrono>
+// paths as UTF-8 strings, its own environment and the terminal standard error goes to. (The
+// requests to stop are in tools/common/StopRequests.h, shared with the file service.)
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -38,13 +37,5 @@ TerminalSize errorTerminalSize();
 // drawn with cursor-moving escape sequences, can be shown. On Windows this turns the console's
 // escape-sequence processing on; a console that cannot take it gets plain lines.
 bool errorTerminalTakesEscapes();
-
-// Ctrl-C and SIGTERM (POSIX), Ctrl-C and Ctrl-Break (Windows console) only ever ask the tool to
-// stop: the request is taken by waitForStopRequest, on the tool's own thread, between two redraws.
-// Call first thing in main, before any thread exists (POSIX: the blocked signals are inherited by
-// every thread). SIGPIPE is ignored.
-bool blockStopSignals();
-// Waits up to `tick` for a stop request; true when one came (each request is taken once).
-bool waitForStopRequest(std::chrono::milliseconds tick);
 
 }  // namespace quill_cli

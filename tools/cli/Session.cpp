@@ -1,6 +1,7 @@
 #include "Session.h"
 
 #include "Platform.h"
+#include "StopRequests.h"
 #include "UserDirs.h"
 
 #include <quill_base/FileUtils.h>
@@ -315,7 +316,7 @@ bool Session::wait(const TransferList& transfers, Display& display,
       cancelEverything(transfers, true);
     }
 
-    if (waitForStopRequest(kTick) && !interrupted) {
+    if (quill_tools::waitForStopRequest(kTick) && !interrupted) {
       interrupted = true;
       wasInterrupted = true;
       if (!cancelled) {

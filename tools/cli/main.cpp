@@ -3,6 +3,7 @@
 // reference file service.
 #include "Commands.h"
 #include "Platform.h"
+#include "StopRequests.h"
 #include "UserDirs.h"
 
 #include <CLI/CLI.hpp>
@@ -49,15 +50,9 @@ const char* const kExitStatus =
     "Exit status: 0 all succeeded, 1 a transfer failed or timed out, 2 usage error, 130\n"
     "interrupted.";
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  // Before any thread exists, so that every thread inherits the mask.
-  if (!quill_cli::blockStopSignals()) {
-    std::fprintf(stderr, "quill-cloud: cannot set up signal handling\n");
-    return quill_cli::kExitFailed;
-  }
-
+// Parses the command line and runs the command; its transfers and service have ended when it
+// returns.
+int runCommandLine(int argc, char** argv) {
   quill_cli::CommonOptions common;
   common.appId = environment("QUILL_APP_ID");
   common.aid = environment("QUILL_AID");
@@ -196,4 +191,17 @@ int main(int argc, char** argv) {
     return quill_cli::runDemo(common, demo);
   }
   return quill_cli::kExitUsage;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Before any thread exists, so that every thread inherits the mask.
+  if (!quill_tools::blockStopSignals()) {
+    std::fprintf(stderr, "quill-cloud: cannot set up signal handling\n");
+    return quill_cli::kExitFailed;
+  }
+  const int status = runCommandLine(argc, argv);
+  quill_tools::reportStopped();
+  return status;
 }

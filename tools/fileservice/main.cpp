@@ -6,96 +6,9 @@
 
 #include <CLI/CLI.hpp>
 
-#include <csignal>
+#include "StopRequests.h"
+
 #include <cstdio>
-
-#if defined(_WIN32)
-#include <windows.h>
-#else
-#include <pthread.h>
-#include <signal.h>
-#endif
-
-namespace {
-
-#if defined(_WIN32)
-
-// Raised by the console control handler (Ctrl-C, Ctrl-Break, the console closing); main() waits
-// for it, then stops the service on its own thread.
-HANDLE stopRequested = nullptr;
-// Raised once the service has stopped: a handler for the console closing must not return before,
-// since the process ends as soon as it returns.
-HANDLE stopped = nullptr;
-constexpr DWORD kStopGraceMilliseconds = 5000;
-
-BOOL WINAPI onConsoleControl(DWORD event) {
-  switch (event) {
-    case CTRL_C_EVENT:
-    case CTRL_BREAK_EVENT:
-      SetEvent(stopRequested);
-      return TRUE;
-    case CTRL_CLOSE_EVENT:
-    case CTRL_LOGOFF_EVENT:
-    case CTRL_SHUTDOWN_EVENT:
-      SetEvent(stopRequested);
-      WaitForSingleObject(stopped, kStopGraceMilliseconds);
-      return TRUE;
-    default:
-      return FALSE;
-  }
-}
-
-bool blockStopSignals() {
-  stopRequested = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  stopped = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  return stopRequested != nullptr && stopped != nullptr &&
-         SetConsoleCtrlHandler(onConsoleControl, TRUE) != 0;
-}
-
-void waitForStopSignal() {
-  WaitForSingleObject(stopRequested, INFINITE);
-}
-
-void reportStopped() {
-  SetEvent(stopped);
-}
-
-#else
-
-sigset_t stopSignals() {
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGTERM);
-  return set;
-}
-
-// SIGINT and SIGTERM are blocked in every thread (threads started later inherit the mask) and
-// taken by waitForStopSignal() alone: no handler runs on an arbitrary thread, so none can be held
-// up by a thread that blocks inside a library (ThreadSanitizer defers handlers until the thread
-// that got the signal leaves such a call).
-bool blockStopSignals() {
-  const sigset_t set = stopSignals();
-  struct sigaction ignore {};
-  ignore.sa_handler = SIG_IGN;
-  sigemptyset(&ignore.sa_mask);
-  // Writing to a connection the client closed must fail with EPIPE, not end the program.
-  return pthread_sigmask(SIG_BLOCK, &set, nullptr) == 0 &&
-         sigaction(SIGPIPE, &ignore, nullptr) == 0;
-}
-
-void waitForStopSignal() {
-  const sigset_t set = stopSignals();
-  int signal = 0;
-  while (sigwait(&set, &signal) != 0) {
-  }
-}
-
-void reportStopped() {}
-
-#endif
-
-}  // namespace
 
 int main(int argc, char** argv) {
   quill_fileservice::Options options;
@@ -140,7 +53,7 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(1, 4096));
   CLI11_PARSE(app, argc, argv);
 
-  if (!blockStopSignals()) {
+  if (!quill_tools::blockStopSignals()) {
     std::fprintf(stderr, "quill-fileservice: cannot set up signal handling\n");
     return 1;
   }
@@ -159,10 +72,10 @@ int main(int argc, char** argv) {
                  service.caCertificatePath().c_str());
   }
 
-  waitForStopSignal();
+  quill_tools::waitForStopRequest();
   std::fprintf(stderr, "quill-fileservice: stopping\n");
   service.stop();
   std::fprintf(stderr, "quill-fileservice: stopped\n");
-  reportStopped();
+  quill_tools::reportStopped();
   return 0;
 }
