@@ -1,8 +1,8 @@
 #include <quill_base/Logger.h>
 
 #include <quill_base/FileUtils.h>
+#include "detail/ConsoleLineAppender.h"
 
-#include <log4cplus/consoleappender.h>
 #include <log4cplus/fileappender.h>
 #include <log4cplus/initializer.h>
 #include <log4cplus/layout.h>
@@ -78,7 +78,7 @@ log4cplus::Logger makeLogger() {
     useAppender(logger, log4cplus::SharedAppenderPtr(
                             new log4cplus::FileAppender(file, std::ios_base::app, true, true)));
   } else {
-    useAppender(logger, log4cplus::SharedAppenderPtr(new log4cplus::ConsoleAppender(true, true)));
+    useAppender(logger, log4cplus::SharedAppenderPtr(new quill_detail::ConsoleLineAppender));
   }
   return logger;
 }
@@ -88,7 +88,7 @@ log4cplus::Logger makeLogger() {
 log4cplus::Logger Logger::m_logger = makeLogger();
 
 void Logger::logToConsole() {
-  useAppender(m_logger, log4cplus::SharedAppenderPtr(new log4cplus::ConsoleAppender(true, true)));
+  useAppender(m_logger, log4cplus::SharedAppenderPtr(new quill_detail::ConsoleLineAppender));
 }
 
 bool Logger::openLogFile(const std::string& path, std::string* error) {

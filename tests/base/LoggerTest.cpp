@@ -5,12 +5,17 @@
 
 #include <gtest/gtest.h>
 
-#if !defined(_WIN32)
+#if defined(_WIN32)
+#include <io.h>
+#else
 #include <sys/stat.h>
+#include <unistd.h>
 #endif
 
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 using quill_test::LogCapture;
 
@@ -145,4 +150,105 @@ TEST(Logger, RollingFileRollsOverAndKeepsTheBackupsAsked) {
   EXPECT_LE(fs::file_size(fs::u8path(path + ".1")), static_cast<std::uintmax_t>(kMaxBytes + 1024));
   EXPECT_TRUE(fs::exists(fs::u8path(path + ".2")));
   EXPECT_FALSE(fs::exists(fs::u8path(path + ".3")));
+}
+
+namespace {
+
+#if defined(_WIN32)
+int duplicateDescriptor(int descriptor) {
+  return _dup(descriptor);
+}
+int replaceDescriptor(int from, int to) {
+  return _dup2(from, to);
+}
+void closeDescriptor(int descriptor) {
+  _close(descriptor);
+}
+int descriptorOf(std::FILE* file) {
+  return _fileno(file);
+}
+#else
+int duplicateDescriptor(int descriptor) {
+  return ::dup(descriptor);
+}
+int replaceDescriptor(int from, int to) {
+  return ::dup2(from, to) < 0 ? -1 : 0;
+}
+void closeDescriptor(int descriptor) {
+  ::close(descriptor);
+}
+int descriptorOf(std::FILE* file) {
+  return ::fileno(file);
+}
+#endif
+
+// Sends what the process writes to standard error into `path` until destroyed.
+class StandardErrorToFile {
+public:
+  explicit StandardErrorToFile(const std::string& path) {
+    std::fflush(stderr);
+    saved = duplicateDescriptor(descriptorOf(stderr));
+    std::FILE* file = std::fopen(path.c_str(), "wb");
+    if (file != nullptr && saved >= 0) {
+      redirected = replaceDescriptor(descriptorOf(file), descriptorOf(stderr)) == 0;
+    }
+    if (file != nullptr) {
+      std::fclose(file);
+    }
+  }
+  ~StandardErrorToFile() {
+    std::fflush(stderr);
+    if (saved >= 0) {
+      replaceDescriptor(saved, descriptorOf(stderr));
+      closeDescriptor(saved);
+    }
+  }
+  bool ok() const { return redirected; }
+
+private:
+  int saved = -1;
+  bool redirected = false;
+};
+
+}  // namespace
+
+TEST(Logger, ConsoleLinesStayWholeBesideOtherWritersOfStandardError) {
+  quill_test::TempDir dir;
+  const auto path = dir.file("stderr.txt");
+  constexpr int kLines = 400;
+  {
+    StandardErrorToFile capture(path);
+    ASSERT_TRUE(capture.ok());
+    Logger::logToConsole();
+    // The host writing to standard error while the library logs: each log line leaves in one
+    // write, so the host's lines land between log lines, never inside one.
+    std::thread host([] {
+      for (int i = 0; i < kLines; ++i) {
+        std::fprintf(stderr, "host line %d\n", i);
+      }
+    });
+    for (int i = 0; i < kLines; ++i) {
+      QLOG_ERROR("library line " << i);
+    }
+    host.join();
+  }
+  std::ifstream in(path);
+  std::string line;
+  int library = 0;
+  int host = 0;
+  while (std::getline(in, line)) {
+    if (line.rfind("host line ", 0) == 0) {
+      ++host;
+      continue;
+    }
+    // "<date> <time> ERROR [thread] tests/base/LoggerTest:<line> <signature> - library line <n>"
+    EXPECT_EQ(line.find("ERROR "), 24u) << line;
+    EXPECT_NE(line.find(" tests/base/LoggerTest:"), std::string::npos) << line;
+    const auto message = line.find(" - library line ");
+    ASSERT_NE(message, std::string::npos) << line;
+    EXPECT_EQ(line.substr(message + 16), std::to_string(library)) << line;
+    ++library;
+  }
+  EXPECT_EQ(library, kLines);
+  EXPECT_EQ(host, kLines);
 }
