@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
@@ -44,6 +45,26 @@ TEST_P(Download, WritesTheBytesAndReportsProgressUpToTheTotal) {
   for (const auto& thread : record->threads()) {
     EXPECT_NE(thread, std::this_thread::get_id())
         << "progress and completion run on the network thread";
+  }
+}
+
+TEST_P(Download, TheWholeFileIsReportedOnceAtTheEnd) {
+  // 16 KiB usually arrives in one read; 3 MiB in many. Either way, only the report at the end
+  // carries the whole size: each report is a hop to the caller's thread, and one that repeats the
+  // last is wasted.
+  for (const std::uint64_t size : {std::uint64_t{16 * 1024}, std::uint64_t{3 * 1024 * 1024}}) {
+    const auto name = "whole-" + std::to_string(size) + ".bin";
+    const auto urlPath = storePattern(name, size);
+    auto record = TransferRecord::make();
+    auto response = download(url(urlPath), dir.file(name), record);
+    ASSERT_NE(response, nullptr);
+    EXPECT_EQ(response->outcome, HttpResponse::kCompleted) << response->text;
+    const auto reports = record->progressReports();
+    expectProgressEndsAtTotal(reports, static_cast<double>(size));
+    const auto whole = std::count_if(reports.begin(), reports.end(), [&](const auto& report) {
+      return report.first == static_cast<double>(size);
+    });
+    EXPECT_EQ(whole, 1) << size << " bytes: " << reports.size() << " reports";
   }
 }
 

@@ -367,9 +367,13 @@ int CurlTransfer::onProgress(void* self, curl_off_t /*downloadTotal*/, curl_off_
   }
   if (transfer->download) {
     // Counted from what reached the file, so redirect and error bodies never show as progress.
-    transfer->reportProgress(
-        static_cast<double>(transfer->download->bytesWritten()),
-        static_cast<double>(std::max<curl_off_t>(transfer->downloadLength, 0)));
+    const auto written = static_cast<curl_off_t>(transfer->download->bytesWritten());
+    const curl_off_t length = std::max<curl_off_t>(transfer->downloadLength, 0);
+    // All of it is here: the report at the end says so. A small file that arrives in one read
+    // would otherwise cost its caller two reports of the same bytes, each a hop to another thread.
+    if (length == 0 || written < length) {
+      transfer->reportProgress(static_cast<double>(written), static_cast<double>(length));
+    }
   } else if (transfer->spec.kind != TransferSpec::Kind::FormPost) {
     if (uploadTotal > 0) {
       transfer->uploadLength = uploadTotal;
