@@ -221,17 +221,26 @@ TEST(Logger, ConsoleLinesStayWholeBesideOtherWritersOfStandardError) {
     ASSERT_TRUE(capture.ok());
     Logger::logToConsole();
     // The host writing to standard error while the library logs: each log line leaves in one
-    // write, so the host's lines land between log lines, never inside one.
+    // write, so the host's lines land between log lines, never inside one. Not on Windows, whose C
+    // runtime writes one fprintf to unbuffered stderr in pieces: there the host's own lines are
+    // split, whatever the library does.
     std::thread host([] {
+#if !defined(_WIN32)
       for (int i = 0; i < kLines; ++i) {
         std::fprintf(stderr, "host line %d\n", i);
       }
+#endif
     });
     for (int i = 0; i < kLines; ++i) {
       QLOG_ERROR("library line " << i);
     }
     host.join();
   }
+#if defined(_WIN32)
+  constexpr int kHostLines = 0;
+#else
+  constexpr int kHostLines = kLines;
+#endif
   std::ifstream in(path);
   std::string line;
   int library = 0;
@@ -246,9 +255,13 @@ TEST(Logger, ConsoleLinesStayWholeBesideOtherWritersOfStandardError) {
     EXPECT_NE(line.find(" tests/base/LoggerTest:"), std::string::npos) << line;
     const auto message = line.find(" - library line ");
     ASSERT_NE(message, std::string::npos) << line;
+    // Windows' C runtime writes stderr in text mode: "\r\n".
+    if (!line.empty() && line.back() == '\r') {
+      line.pop_back();
+    }
     EXPECT_EQ(line.substr(message + 16), std::to_string(library)) << line;
     ++library;
   }
   EXPECT_EQ(library, kLines);
-  EXPECT_EQ(host, kLines);
+  EXPECT_EQ(host, kHostLines);
 }
