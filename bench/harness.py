@@ -47,13 +47,15 @@ class BenchError(Exception):
 
 
 class Run:
-    """One measured process: wall seconds, CPU seconds (user+system), peak RSS in bytes."""
+    """One measured process: wall seconds, CPU seconds (user+system), peak RSS in bytes, and the page
+    faults it took (minor ones: memory the kernel had to hand out, each a trip into the kernel)."""
 
-    def __init__(self, wall, cpu, rss, output):
+    def __init__(self, wall, cpu, rss, output, faults=0):
         self.wall = wall
         self.cpu = cpu
         self.rss = rss
         self.output = output
+        self.faults = faults
 
     def json_output(self):
         for line in self.output.splitlines():
@@ -64,7 +66,7 @@ class Run:
 
 def measure(cmd, log, env=None, cwd=None):
     """Runs cmd to completion and measures it from outside: wall and CPU time with wait4, peak memory
-    with GNU time.
+    and page faults with GNU time.
 
     The peak memory that wait4 reports for a child of this Python process counts the Python
     process's own pages, which the child holds until it calls exec (about 28 MiB), so every program
@@ -74,7 +76,7 @@ def measure(cmd, log, env=None, cwd=None):
     rss_path = log + ".rss"
     with open(out_path, "w") as out, open(log + ".err", "w") as err:
         start = time.perf_counter()
-        proc = subprocess.Popen([GNU_TIME, "-f", "%M", "-o", rss_path] + list(cmd), stdout=out, stderr=err,
+        proc = subprocess.Popen([GNU_TIME, "-f", "%M %R", "-o", rss_path] + list(cmd), stdout=out, stderr=err,
                                 env=env, cwd=cwd)
         timer = threading.Timer(RUN_TIMEOUT, proc.kill)
         timer.start()
@@ -96,8 +98,8 @@ def measure(cmd, log, env=None, cwd=None):
         raise BenchError("%s exited with %d:\n%s%s" % (" ".join(cmd[:4]), proc.returncode, output[-1000:], tail))
     with open(rss_path) as rss:
         # The last line; a line about the exit status may come before it.
-        peak_kib = int(rss.read().split()[-1])
-    return Run(wall, usage.ru_utime + usage.ru_stime, peak_kib * 1024, output)
+        peak_kib, faults = (int(field) for field in rss.read().splitlines()[-1].split())
+    return Run(wall, usage.ru_utime + usage.ru_stime, peak_kib * 1024, output, faults)
 
 
 def free_port():
@@ -769,6 +771,12 @@ class Bench:
                  {"median": median(oc) * scale, "spread_pct": spread(oc)},
                  {"median": median(tc) * scale, "spread_pct": spread(tc)}, cpu_ratio,
                  ">= %.2f" % cpu_target if cpu_target else "", cpu_ratio >= cpu_target if cpu_target else None)
+        if per_item is not None:
+            # Many small transfers: each fault is a trip into the kernel, and memory handed out anew
+            # for every file shows here first.
+            of, tf = self.stat(ours_name, "faults"), self.stat(theirs_name, "faults")
+            self.add(comparison, "page faults", {"median": median(of)}, {"median": median(tf)},
+                     median(tf) / median(of) if median(of) > 0 else None, "", None)
         if rss_limit:
             rss = max(self.stat(ours_name, "rss")) / MIB
             theirs_rss = max(self.stat(theirs_name, "rss")) / MIB
