@@ -1,6 +1,7 @@
 #include "detail/CurlEngine.h"
 
 #include "detail/CurlGlobal.h"
+#include "detail/ReceiveBufferHeap.h"
 
 #include <quill_base/FileUtils.h>
 #include <quill_base/Logger.h>
@@ -127,6 +128,7 @@ void CurlEngine::waitForTheWorkerToFinish() {
 
 void CurlEngine::run() {
   QLOG_DEBUG("network thread started");
+  keepReceiveBuffersInTheHeap();
   try {
     while (true) {
       std::vector<QueuedStart> starts;
