@@ -11,6 +11,9 @@ namespace quill_base_detail {
 // Rows are first summed down (16-bit lanes, a loop the compiler vectorises), then each finished
 // target row is averaged across. Integer arithmetic throughout, with fixed-point weights that add
 // up exactly, so that a flat colour stays exactly that colour.
+//
+// Channels are 1 (grey), 3 (RGB) or 4 (RGB plus a padding byte, as libjpeg-turbo decodes to
+// RGBX): with four, a pixel fills 64 bits and is averaged across with SIMD where there is SSE2.
 class AreaAverage {
 public:
   // The target must not be larger than the source in either direction.
@@ -32,6 +35,9 @@ private:
     std::vector<int> last;
     std::vector<std::uint32_t> weights;  // span per target position
   };
+  // For four channels: the weights of each position by pairs of taps, every weight repeated
+  // for the four channels (8 lanes of 16 bits per pair), ready to multiply two pixels at once.
+  static std::vector<std::uint16_t> lanesFor(const Taps& taps);
   static Taps tapsFor(int sourceLength, int targetLength, int weightBits);
 
   void finishRow(int targetRow, std::vector<std::uint16_t>& sums);
@@ -42,6 +48,7 @@ private:
   std::size_t sourceStride;
   Taps columns;
   Taps rows;
+  std::vector<std::uint16_t> columnLanes;
   int nextSourceRow = 0;
   int nextTargetRow = 0;
   // Target rows nextTargetRow and the one after, summed down at full width, plus zero padding.

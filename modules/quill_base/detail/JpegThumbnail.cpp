@@ -164,7 +164,9 @@ JpegThumbnailResult decode(const std::vector<unsigned char>& bytes, int size,
   plan.storedHeight = enlarging ? static_cast<int>(height) : targetHeight;
   plan.enlargedWidth = enlarging ? targetWidth : plan.storedWidth;
   plan.enlargedHeight = enlarging ? targetHeight : plan.storedHeight;
-  plan.channels = grey ? 1 : 3;
+  // Colour is decoded as RGBX: a pixel is then 64 bits in the averager, which averages it across
+  // with SIMD, and the encoder takes the padded pixels as they are.
+  plan.channels = grey ? 1 : 4;
   decoder.scale_num = 8;
   decoder.scale_denom = 8;
   // Only the 1/8, 1/4, 1/2 and full-size inverse DCTs are vectorised in libjpeg-turbo; the others
@@ -178,7 +180,7 @@ JpegThumbnailResult decode(const std::vector<unsigned char>& bytes, int size,
       break;
     }
   }
-  decoder.out_color_space = grey ? JCS_GRAYSCALE : JCS_RGB;
+  decoder.out_color_space = grey ? JCS_GRAYSCALE : JCS_EXT_RGBX;
   // The pixels are averaged down afterwards, which hides the small differences of the fast DCT
   // and of plain chroma upsampling.
   decoder.dct_method = JDCT_IFAST;

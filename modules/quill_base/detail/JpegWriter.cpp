@@ -24,7 +24,7 @@ bool compressInto(const unsigned char* pixels, int width, int height, int channe
   encoder.image_width = static_cast<JDIMENSION>(width);
   encoder.image_height = static_cast<JDIMENSION>(height);
   encoder.input_components = channels;
-  encoder.in_color_space = channels == 1 ? JCS_GRAYSCALE : JCS_RGB;
+  encoder.in_color_space = channels == 1 ? JCS_GRAYSCALE : channels == 3 ? JCS_RGB : JCS_EXT_RGBX;
   jpeg_set_defaults(&encoder);
   jpeg_set_quality(&encoder, kQuality, TRUE);
   unsigned char* buffer = output.data();
@@ -50,7 +50,7 @@ bool compressInto(const unsigned char* pixels, int width, int height, int channe
 
 bool compressJpeg(const unsigned char* pixels, int width, int height, int channels,
                   std::vector<unsigned char>& output, std::size_t& size) {
-  if (width < 1 || height < 1 || (channels != 1 && channels != 3)) {
+  if (width < 1 || height < 1 || (channels != 1 && channels != 3 && channels != 4)) {
     return false;
   }
   // Far more than a compressed picture of this size can take.
