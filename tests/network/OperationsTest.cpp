@@ -172,6 +172,47 @@ TEST_P(EveryOperation, CancelBeforeTheTransferStartedCompletesOnceAsCancelled) {
   EXPECT_TRUE(service().storedFile("/objects/never-sent").empty());
 }
 
+// Ended transfers hand their libcurl handles on to the next ones: what one set up (its method, a
+// body, a file to send, the receive buffer of one that libcurl refused early) must not reach the
+// next. Every operation twice in turn, after a transfer refused for its protocol.
+TEST_P(EveryOperation, TransfersInTurnEachSendTheirOwnRequest) {
+  auto refused = TransferRecord::make();
+  HttpClient::downloadFile("file:///etc/hosts", dir.file("refused"), nullptr,
+                           refused->completion());
+  auto refusal = refused->wait();
+  ASSERT_NE(refusal, nullptr);
+  EXPECT_EQ(refusal->outcome, HttpResponse::kFailed);
+  for (int round = 0; round < 2; ++round) {
+    for (const Operation operation : kAllOperations) {
+      SCOPED_TRACE(::testing::Message() << nameOf(operation) << " in round " << round);
+      const auto started = start(operation, "");
+      const auto response = started.record->wait();
+      ASSERT_NE(response, nullptr);
+      EXPECT_EQ(response->outcome, HttpResponse::kCompleted) << response->text;
+      EXPECT_EQ(response->status, 200);
+      if (operation == Operation::Download) {
+        EXPECT_TRUE(FileUtils::sameContent(started.downloadPath, upload));
+      }
+      if (operation == Operation::Put) {
+        const auto stored = service().storedFile("/objects/object-" + std::to_string(counter));
+        EXPECT_TRUE(holdsPattern(stored, 64 * 1024));
+      }
+      if (operation == Operation::Multipart || operation == Operation::FormPost) {
+        // The service's answers to a whole upload (code 0) and to a signature request (code 1,
+        // with the address to send the file to).
+        Json::Value reply;
+        ASSERT_TRUE(JSONUtils::parseJSON(response->text, reply)) << response->text;
+        if (operation == Operation::Multipart) {
+          EXPECT_EQ(JSONUtils::optInt("code", reply, -1), 0) << response->text;
+        } else {
+          EXPECT_EQ(JSONUtils::optInt("code", reply, -1), 1) << response->text;
+          EXPECT_FALSE(JSONUtils::optString("uploadPath", reply, "").empty()) << response->text;
+        }
+      }
+    }
+  }
+}
+
 TEST_P(EveryOperation, CancelWhileTheServerHoldsTheRequest) {
   for (const Operation operation : kAllOperations) {
     SCOPED_TRACE(nameOf(operation));

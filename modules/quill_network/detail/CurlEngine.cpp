@@ -62,10 +62,18 @@ CurlEngine::~CurlEngine() {
 }
 
 void CurlEngine::start(const std::string& id, TransferSpec spec) {
-  QueuedStart queued{id, std::move(spec), TransferSettings::fromEnvironment()};
+  QueuedStart queued{id, std::move(spec), TransferSettings::fromEnvironment(), nullptr};
+  // A download's file is made here, on the caller's thread: making a file is one of the costliest
+  // steps of a small download, and the network thread, which every transfer waits for, is then
+  // left with the network.
+  if (queued.spec.kind == TransferSpec::Kind::Download) {
+    queued.file = CurlTransfer::openDownloadFile(queued.spec);
+  }
   std::lock_guard<std::mutex> lock(mutex);
   if (stopping) {
-    return;  // `queued` and the caller's functions go when this returns, outside the lock
+    // `queued` and the caller's functions go when this returns, outside the lock; so does the file
+    // made for it, which its owner removes.
+    return;
   }
   liveIds.insert(id);
   queuedStarts.push_back(std::move(queued));
@@ -198,7 +206,9 @@ void CurlEngine::handleQueued(std::vector<QueuedStart> starts, std::vector<std::
     QueuedStart start = std::move(*queued);
     starts.erase(queued);
     cancelled = cancels.erase(cancelled);
-    // Nothing was created for it, so nothing is removed: whatever is at its path is not ours.
+    // Only the file made for it is removed (by its owner): whatever else is at its path is not
+    // ours.
+    start.file.reset();
     auto response = std::make_shared<HttpResponse>();
     response->outcome = HttpResponse::kCancelled;
     response->text = "cancelled";
@@ -216,10 +226,10 @@ void CurlEngine::handleQueued(std::vector<QueuedStart> starts, std::vector<std::
 }
 
 void CurlEngine::launch(QueuedStart queued) {
-  auto transfer = std::make_unique<CurlTransfer>(queued.id, std::move(queued.spec),
-                                                 std::move(queued.settings), quiet);
+  auto transfer = std::make_unique<CurlTransfer>(
+      queued.id, std::move(queued.spec), std::move(queued.settings), std::move(queued.file), quiet);
   std::shared_ptr<HttpResponse> failure;
-  if (!transfer->prepare(share.get())) {
+  if (!transfer->prepare(share.get(), easyHandles)) {
     failure = transfer->failedToStart();
   } else if (const CURLMcode added = curl_multi_add_handle(multi.get(), transfer->handle());
              added != CURLM_OK) {
@@ -230,7 +240,7 @@ void CurlEngine::launch(QueuedStart queued) {
   if (failure) {
     QLOG_WARN("transfer " << queued.id << " could not start: " << failure->text);
     auto completion = transfer->takeCompletion();
-    transfer.reset();
+    retire(std::move(transfer), false);
     complete(queued.id, completion, failure);
     return;
   }
@@ -248,7 +258,7 @@ void CurlEngine::cancelActive(const std::string& id) {
   curl_multi_remove_handle(multi.get(), transfer->handle());
   auto response = transfer->cancel();
   auto completion = transfer->takeCompletion();
-  transfer.reset();
+  retire(std::move(transfer), false);
   QLOG_DEBUG("transfer " << id << " cancelled");
   complete(id, completion, response);
 }
@@ -289,8 +299,14 @@ void CurlEngine::end(std::unique_ptr<CurlTransfer> transfer, CURLcode result) {
   const std::string id = transfer->id();
   auto response = transfer->finish(result);
   auto completion = transfer->takeCompletion();
-  transfer.reset();
+  retire(std::move(transfer), result == CURLE_OK);
   complete(id, completion, response);
+}
+
+void CurlEngine::retire(std::unique_ptr<CurlTransfer> transfer, bool handleReusable) {
+  if (handleReusable) {
+    easyHandles.give(transfer->releaseHandle());
+  }
 }
 
 bool CurlEngine::resume(CurlTransfer& transfer) {
@@ -371,6 +387,8 @@ void CurlEngine::abandonAll() {
   // Each transfer removes its partial download file as it goes. Swapping with empty containers
   // gives their memory back too: the engine object itself is never destroyed.
   std::unordered_map<std::string, std::unique_ptr<CurlTransfer>>().swap(active);
+  // Before the share handle: a kept handle still counts as one of its users.
+  easyHandles.clear();
   std::vector<QueuedStart> starts;
   std::vector<std::string> cancels;
   std::unordered_set<std::string> ids;

@@ -4,6 +4,8 @@
 
 #include "detail/CurlHandles.h"
 #include "detail/CurlTransfer.h"
+#include "detail/DownloadFile.h"
+#include "detail/EasyHandlePool.h"
 #include "detail/TransferSettings.h"
 
 #include <atomic>
@@ -22,9 +24,10 @@ namespace quill_network_detail {
 // The libcurl engine: one multi handle driven by one network thread, which runs every transfer,
 // calls every progress and completion function, and is the only thread that touches an easy
 // handle. Other threads only queue work (start, cancel) and wake the thread with
-// curl_multi_wakeup. The multi handle keeps connections (and so TLS and HTTP/2 sessions) open for
-// reuse, its resolver cache serves every transfer, and a share handle lets TLS sessions resume
-// across connections.
+// curl_multi_wakeup; a thread that starts a download also makes its file. The multi handle keeps
+// connections (and so TLS and HTTP/2 sessions) open for reuse, its resolver cache serves every
+// transfer, a share handle lets TLS sessions resume across connections, and the easy handles of
+// ended transfers serve the next ones.
 //
 // Completion is called exactly once for every transfer that ends before shutdown(): with the
 // result, or with outcome 1 after cancel(), whether the transfer was running or still queued.
@@ -51,6 +54,8 @@ private:
     std::string id;
     TransferSpec spec;
     TransferSettings settings;
+    // A download's file, made by the thread that started it.
+    std::unique_ptr<DownloadFile> file;
   };
 
   void run();
@@ -64,6 +69,10 @@ private:
   // How long the network thread may sleep before a waiting resume is due.
   long pollTimeoutMs() const;
   void end(std::unique_ptr<CurlTransfer> transfer, CURLcode result);
+  // Lets an ended transfer go. Its easy handle (out of the multi handle) goes to the pool when
+  // libcurl ended the transfer as a success: a handle whose transfer failed early (a protocol
+  // refused, say) may keep its receive buffer, and libcurl then refuses to size it for the next.
+  void retire(std::unique_ptr<CurlTransfer> transfer, bool handleReusable);
   void complete(const std::string& id, const HttpClient::CompletionFunction& completion,
                 const std::shared_ptr<HttpResponse>& response);
   void abandonAll();
@@ -90,6 +99,9 @@ private:
   // The network thread's own: every transfer that was added to the multi handle, and cut-off
   // downloads waiting to ask for their rest (out of the multi handle until their time comes).
   std::unordered_map<std::string, std::unique_ptr<CurlTransfer>> active;
+  // Room for the handles of every transfer the scheduler runs at once (four downloads, two
+  // uploads) and a few more.
+  EasyHandlePool easyHandles{8};
   struct WaitingResume {
     std::chrono::steady_clock::time_point due;
     std::string id;

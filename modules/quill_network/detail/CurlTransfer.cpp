@@ -68,18 +68,27 @@ std::chrono::milliseconds resumeWait(long firstWaitMs, int barren) {
 }  // namespace
 
 CurlTransfer::CurlTransfer(std::string id, TransferSpec spec, TransferSettings settings,
-                           const std::atomic<bool>& quiet)
+                           std::unique_ptr<DownloadFile> file, const std::atomic<bool>& quiet)
     : transferId(std::move(id)),
       spec(std::move(spec)),
       settings(std::move(settings)),
       quiet(quiet),
+      download(std::move(file)),
       throttle(std::chrono::milliseconds(kProgressIntervalMs)) {}
 
-bool CurlTransfer::prepare(CURLSH* share) {
+std::unique_ptr<DownloadFile> CurlTransfer::openDownloadFile(const TransferSpec& spec) {
+  auto file = std::make_unique<DownloadFile>(spec.path, kFileWriteChunk);
+  if (spec.resume.validator.empty() || !file->openExisting()) {
+    file->open();
+  }
+  return file;
+}
+
+bool CurlTransfer::prepare(CURLSH* share, EasyHandlePool& pool) {
   startedAt = std::chrono::steady_clock::now();
   lastMovement = startedAt;
   timeline = timelineOf(spec);
-  easy.reset(curl_easy_init());
+  easy = pool.take();
   if (!easy) {
     localError = "libcurl could not create a transfer";
     return false;
@@ -132,8 +141,10 @@ bool CurlTransfer::setKindOptions() {
   std::string& e = localError;
   switch (spec.kind) {
     case TransferSpec::Kind::Download:
-      download = std::make_unique<DownloadFile>(spec.path, kFileWriteChunk);
-      if (!spec.resume.validator.empty() && download->openExisting()) {
+      if (!download) {
+        download = openDownloadFile(spec);
+      }
+      if (download->takenUp()) {
         // An earlier download's partial file: the rest of the same version of the file is asked
         // for, as after a cut (see beginBody()).
         validator = spec.resume.validator;
@@ -144,7 +155,7 @@ bool CurlTransfer::setKindOptions() {
         if (resumeFrom > 0 && !askForTheRest()) {
           return false;
         }
-      } else if (!download->open()) {
+      } else if (!download->isOpen()) {
         localError = download->error();
         localErrno = download->systemError();
         return false;
@@ -269,7 +280,10 @@ std::size_t CurlTransfer::onWrite(char* data, std::size_t size, std::size_t coun
     if (!transfer->bodyBegun && !transfer->beginBody()) {
       return 0;  // anything short of `bytes` makes libcurl fail the transfer
     }
-    if (!transfer->download->write(data, bytes)) {
+    const bool endsTheBody =
+        transfer->attemptLength >= 0 &&
+        transfer->attemptBytes + static_cast<curl_off_t>(bytes) >= transfer->attemptLength;
+    if (!transfer->download->write(data, bytes, endsTheBody)) {
       transfer->localError = transfer->download->error();
       transfer->localErrno = transfer->download->systemError();
       return 0;

@@ -4,6 +4,7 @@
 
 #include "detail/CurlHandles.h"
 #include "detail/DownloadFile.h"
+#include "detail/EasyHandlePool.h"
 #include "detail/ProgressThrottle.h"
 #include "detail/Timeline.h"
 #include "detail/TransferSettings.h"
@@ -28,14 +29,20 @@ namespace quill_network_detail {
 class CurlTransfer {
 public:
   // `quiet` tells that the engine is shutting down: the caller's functions are no longer called.
+  // `file`: a download's file as openDownloadFile() made it; when null, prepare() makes it.
   CurlTransfer(std::string id, TransferSpec spec, TransferSettings settings,
-               const std::atomic<bool>& quiet);
+               std::unique_ptr<DownloadFile> file, const std::atomic<bool>& quiet);
   CurlTransfer(const CurlTransfer&) = delete;
   CurlTransfer& operator=(const CurlTransfer&) = delete;
 
-  // Builds the easy handle (sharing TLS sessions through `share`) and opens the files. False when
-  // the transfer cannot start; failedToStart() then describes why.
-  bool prepare(CURLSH* share);
+  // The file a download writes into: an earlier download's partial file taken up when the spec
+  // says how, else a new file. Opening may fail; the transfer then fails to start with the reason.
+  // Any thread may call this, before the transfer is made.
+  static std::unique_ptr<DownloadFile> openDownloadFile(const TransferSpec& spec);
+
+  // Sets up an easy handle from `pool` (sharing TLS sessions through `share`) and opens the files.
+  // False when the transfer cannot start; failedToStart() then describes why.
+  bool prepare(CURLSH* share, EasyHandlePool& pool);
   std::shared_ptr<HttpResponse> failedToStart();
 
   // Whether a download goes on after the attempt that just ended with `result`: when its body was
@@ -67,6 +74,8 @@ public:
 
   const std::string& id() const { return transferId; }
   CURL* handle() const { return easy.get(); }
+  // The easy handle, for the pool, once it is out of the multi handle and the transfer has ended.
+  EasyHandle releaseHandle() { return std::move(easy); }
 
 private:
   static std::size_t onWrite(char* data, std::size_t size, std::size_t count, void* self);

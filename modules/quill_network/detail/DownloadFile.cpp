@@ -41,12 +41,13 @@ bool DownloadFile::openExisting() {
     return false;
   }
   created = true;
+  tookUp = true;
   total = static_cast<std::size_t>(size);
   std::setvbuf(file, nullptr, _IONBF, 0);
   return true;
 }
 
-bool DownloadFile::write(const char* data, std::size_t size) {
+bool DownloadFile::write(const char* data, std::size_t size, bool endsTheBody) {
   if (file == nullptr) {
     lastError = "the download file " + path + " is not open";
     return false;
@@ -55,8 +56,9 @@ bool DownloadFile::write(const char* data, std::size_t size) {
     return false;
   }
   // A piece that is large on its own (plain HTTP hands over whatever the socket held, up to the
-  // receive buffer) goes straight to the file: gathering it would only copy it once more.
-  if (size >= chunkBytes || (pending.empty() && size >= chunkBytes / 16)) {
+  // receive buffer) goes straight to the file: gathering it would only copy it once more. So does
+  // the last piece when nothing waits before it: gathering it would save no write.
+  if (size >= chunkBytes || (pending.empty() && (endsTheBody || size >= chunkBytes / 16))) {
     if (std::fwrite(data, 1, size, file) != size) {
       fail("writing " + path + " failed");
       return false;

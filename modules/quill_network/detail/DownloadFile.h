@@ -9,7 +9,8 @@ namespace quill_network_detail {
 
 // The file a download writes into. Small received pieces are gathered into chunks of `chunkBytes`
 // and each chunk goes to the file in one write, so the file sees few large writes however small the
-// pieces the network delivers; pieces of a sixteenth of a chunk or more are written as they come,
+// pieces the network delivers; pieces of a sixteenth of a chunk or more, and a piece that ends the
+// body with nothing gathered before it (all of a small file, often), are written as they come,
 // without the copy. Memory stays at one chunk whatever the size of the download.
 class DownloadFile {
 public:
@@ -24,8 +25,12 @@ public:
   // Takes up a file an earlier download left, to add to it (never through a link); false when
   // there is none. The file is then this object's: discard() removes it like one it created.
   bool openExisting();
-  // False when the bytes could not be written (the reason is in error()).
-  bool write(const char* data, std::size_t size);
+  bool isOpen() const { return file != nullptr; }
+  // Whether openExisting() took up an earlier download's file.
+  bool takenUp() const { return tookUp; }
+  // False when the bytes could not be written (the reason is in error()). `endsTheBody`: no byte of
+  // the body follows these.
+  bool write(const char* data, std::size_t size, bool endsTheBody = false);
   // Drops every byte written so far and goes on from the file's start, for a server that sends the
   // whole file again where the rest was asked for; false on a file error.
   bool restart();
@@ -50,6 +55,7 @@ private:
   std::vector<char> pending;
   std::size_t total = 0;
   bool created = false;
+  bool tookUp = false;
   bool committed = false;
   std::string lastError;
   int lastErrno = 0;

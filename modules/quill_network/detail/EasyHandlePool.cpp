@@ -1,0 +1,28 @@
+#include "detail/EasyHandlePool.h"
+
+#include <utility>
+
+namespace quill_network_detail {
+
+EasyHandle EasyHandlePool::take() {
+  if (idle.empty()) {
+    return EasyHandle(curl_easy_init());
+  }
+  EasyHandle handle = std::move(idle.back());
+  idle.pop_back();
+  return handle;
+}
+
+void EasyHandlePool::give(EasyHandle handle) {
+  if (!handle) {
+    return;
+  }
+  // Options, and what they point to, are forgotten; connections stay with the multi handle and TLS
+  // sessions with the share handle, as for a new handle.
+  curl_easy_reset(handle.get());
+  if (idle.size() < keep) {
+    idle.push_back(std::move(handle));
+  }
+}
+
+}  // namespace quill_network_detail
