@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -101,8 +102,13 @@ bool FileUtils::directoryExists(const std::string& path) {
   if (path.empty()) {
     return false;
   }
+#if defined(_WIN32)
   std::error_code ec;
   return fs::is_directory(toPath(path), ec);
+#else
+  struct stat info {};
+  return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+#endif
 }
 
 bool FileUtils::makeDirectory(const std::string& path) {
@@ -118,18 +124,31 @@ bool FileUtils::fileExists(const std::string& path) {
   if (path.empty()) {
     return false;
   }
+#if defined(_WIN32)
   std::error_code ec;
   return fs::is_regular_file(toPath(path), ec);
+#else
+  struct stat info {};
+  return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+#endif
 }
 
 std::uint64_t FileUtils::fileSize(const std::string& path) {
   if (path.empty()) {
     return 0;
   }
-  // One stat: file_size fails for anything but a regular file (or a link to one).
+#if defined(_WIN32)
+  // One look: file_size fails for anything but a regular file (or a link to one).
   std::error_code ec;
   const auto size = fs::file_size(toPath(path), ec);
   return ec ? 0 : static_cast<std::uint64_t>(size);
+#else
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {
+    return 0;
+  }
+  return static_cast<std::uint64_t>(info.st_size);
+#endif
 }
 
 std::int64_t FileUtils::modificationTime(const std::string& path) {
@@ -169,24 +188,43 @@ std::string FileUtils::fileExtension(const std::string& path) {
 }
 
 bool FileUtils::moveFile(const std::string& from, const std::string& to, int* systemError) {
+  if (systemError != nullptr) {
+    *systemError = 0;
+  }
+  if (!fileExists(from)) {
+    return false;
+  }
+  return moveRegularFile(from, to, systemError);
+}
+
+bool FileUtils::moveRegularFile(const std::string& from, const std::string& to, int* systemError) {
   int ignoredError = 0;
   int& error = systemError != nullptr ? *systemError : ignoredError;
   error = 0;
-  if (!fileExists(from) || to.empty()) {
+  if (from.empty() || to.empty()) {
     return false;
   }
   if (from == to) {
     return true;
   }
+  // Rename first: it is the common case, and one system call. Whether the two names are one file
+  // is asked only when it failed.
+#if !defined(_WIN32)
+  if (::rename(from.c_str(), to.c_str()) == 0) {
+    return true;
+  }
+  std::error_code ec(errno, std::generic_category());
+  const auto source = toPath(from);
+  const auto target = toPath(to);
+#else
   const auto source = toPath(from);
   const auto target = toPath(to);
   std::error_code ec;
-  // Rename first: it is the common case, and one system call. Whether the two names are one file
-  // is asked only when it failed.
   fs::rename(source, target, ec);
   if (!ec) {
     return true;
   }
+#endif
   if (ec != std::errc::cross_device_link) {
     error = errnoOf(ec);
 #if defined(_WIN32)
@@ -217,8 +255,13 @@ bool FileUtils::removeFile(const std::string& path) {
   if (path.empty()) {
     return false;
   }
+#if defined(_WIN32)
   std::error_code ec;
   return fs::remove(toPath(path), ec) && !ec;
+#else
+  // What fs::remove does (unlink, or rmdir for an empty directory), without parsing the path.
+  return ::remove(path.c_str()) == 0;
+#endif
 }
 
 namespace {

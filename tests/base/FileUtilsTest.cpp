@@ -6,6 +6,7 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -179,6 +180,23 @@ TEST(FileUtils, MoveFileOntoItselfUnderAnotherNameKeepsTheFile) {
   EXPECT_TRUE(FileUtils::moveFile(dir.file("same"), dir.file("alias")));
   EXPECT_EQ(readFile(dir.file("same")), "keep me");
   EXPECT_EQ(readFile(dir.file("alias")), "keep me");
+}
+
+TEST(FileUtils, MoveRegularFileMovesAsMoveFileDoes) {
+  TempDir dir;
+  writeFile(dir.file("from"), "new content");
+  writeFile(dir.file("to"), "old");
+  int error = -1;
+  EXPECT_TRUE(FileUtils::moveRegularFile(dir.file("from"), dir.file("to"), &error));
+  EXPECT_EQ(error, 0);
+  EXPECT_FALSE(FileUtils::fileExists(dir.file("from")));
+  EXPECT_EQ(readFile(dir.file("to")), "new content");
+  EXPECT_TRUE(FileUtils::moveRegularFile(dir.file("to"), dir.file("to")));
+  EXPECT_EQ(readFile(dir.file("to")), "new content");
+  EXPECT_FALSE(FileUtils::moveRegularFile(dir.file("to"), dir.file("no/such/dir/to"), &error));
+  EXPECT_EQ(error, ENOENT);
+  EXPECT_EQ(readFile(dir.file("to")), "new content") << "a failed move keeps the source";
+  EXPECT_FALSE(FileUtils::moveRegularFile(dir.file("to"), ""));
 }
 
 TEST(FileUtils, MoveFileOntoADirectoryFails) {

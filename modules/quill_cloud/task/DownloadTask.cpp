@@ -269,7 +269,8 @@ bool DownloadTask::moveDownloadFile() {
   }
   const auto finalPath = FileUtils::appendComponent(request->directory, request->fileName);
   int error = 0;
-  const bool moved = FileUtils::moveFile(tempFilePath, finalPath, &error);
+  // A size above 0 says the file is a regular file: moveFile would only look at it again.
+  const bool moved = FileUtils::moveRegularFile(tempFilePath, finalPath, &error);
   if (!moved) {
     noteEndCause("cannot move the download to " + finalPath + ": " + std::strerror(error), error);
     QLOG_ERROR("failed to move temp file to cache path \n " << finalPath);

@@ -42,6 +42,11 @@ public:
   // source is then left where it was and the target untouched); `systemError`, when given, then
   // holds the system's error number (0 when the source was missing).
   static bool moveFile(const std::string& from, const std::string& to, int* systemError = nullptr);
+  // moveFile for a source the caller has just found to be a regular file (by fileSize, say): the
+  // same move, without looking at the source again. Given anything else, it moves that as rename
+  // would.
+  static bool moveRegularFile(const std::string& from, const std::string& to,
+                              int* systemError = nullptr);
 
   // fopen of a UTF-8 path with fopen's modes; on Windows through the wide-character API, so that
   // every name opens, whatever the system's code page. Null (errno set) when it cannot.
