@@ -1,17 +1,27 @@
-// The averager on its own: the four-channel path (SIMD where there is SSE2) must give the same
-// bytes as the three-channel one (plain C++) for the same picture, at every ratio thumbnails see.
+// The averager on its own: the four-channel path (SIMD where there is SSE2, wider where there is
+// AVX2) must give the same bytes as the three-channel one (plain C++) for the same picture, at
+// every ratio thumbnails see. The tests run with the AVX2 forms allowed and again with them held
+// back, so that on a processor with AVX2 both SIMD forms are checked.
 
 #include "detail/AreaAverage.h"
+#include "detail/AreaAverageKernels.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <random>
+#include <string>
 #include <vector>
 
 namespace {
 
 using quill_base_detail::AreaAverage;
+
+class AreaAverageForms : public ::testing::TestWithParam<bool> {
+protected:
+  void SetUp() override { quill_base_detail::allowWideVectors(GetParam()); }
+  void TearDown() override { quill_base_detail::allowWideVectors(true); }
+};
 
 struct Shrunk {
   std::vector<unsigned char> rgb;
@@ -42,7 +52,7 @@ Shrunk shrinkBothWays(int sourceWidth, int sourceHeight, int targetWidth, int ta
   return {rgb.pixels(), rgbx.pixels()};
 }
 
-TEST(AreaAverage, FourChannelsGiveTheSameColoursAsThree) {
+TEST_P(AreaAverageForms, FourChannelsGiveTheSameColoursAsThree) {
   struct Case {
     int sourceWidth, sourceHeight, targetWidth, targetHeight;
   };
@@ -51,7 +61,8 @@ TEST(AreaAverage, FourChannelsGiveTheSameColoursAsThree) {
   const Case cases[] = {{300, 300, 200, 200}, {210, 210, 200, 200}, {320, 240, 200, 150},
                         {225, 300, 150, 200}, {400, 400, 200, 200}, {1000, 7, 13, 3},
                         {97, 61, 1, 1},       {5, 1, 3, 1},         {200, 200, 200, 200},
-                        {641, 479, 199, 148}};
+                        {641, 479, 199, 148}, {480, 480, 200, 200}, {999, 333, 201, 67},
+                        {31, 17, 7, 5}};
   std::uint32_t seed = 1;
   for (const Case& shape : cases) {
     SCOPED_TRACE(::testing::Message() << shape.sourceWidth << "x" << shape.sourceHeight << " to "
@@ -71,7 +82,7 @@ TEST(AreaAverage, FourChannelsGiveTheSameColoursAsThree) {
   }
 }
 
-TEST(AreaAverage, AFlatColourStaysExactlyThatColour) {
+TEST_P(AreaAverageForms, AFlatColourStaysExactlyThatColour) {
   const unsigned char colour[4] = {255, 1, 128, 0};
   for (int channels : {1, 3, 4}) {
     SCOPED_TRACE(channels);
@@ -91,7 +102,7 @@ TEST(AreaAverage, AFlatColourStaysExactlyThatColour) {
   }
 }
 
-TEST(AreaAverage, AveragesTheSourcePixelsEachTargetPixelCovers) {
+TEST_P(AreaAverageForms, AveragesTheSourcePixelsEachTargetPixelCovers) {
   // 4x2 to 2x1 with four channels: each target pixel is the mean of a 2x2 block.
   AreaAverage averager(4, 2, 2, 1, 4);
   const unsigned char top[16] = {0, 10, 200, 9, 100, 30, 200, 9, 50, 0, 0, 9, 50, 0, 255, 9};
@@ -107,5 +118,11 @@ TEST(AreaAverage, AveragesTheSourcePixelsEachTargetPixelCovers) {
   EXPECT_EQ(pixels[5], 2);
   EXPECT_EQ(pixels[6], 128);  // 127.5 rounds up
 }
+
+INSTANTIATE_TEST_SUITE_P(AreaAverage, AreaAverageForms, ::testing::Values(true, false),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                           return info.param ? std::string("WideVectorsAllowed")
+                                             : std::string("WideVectorsHeldBack");
+                         });
 
 }  // namespace

@@ -1,100 +1,11 @@
 #include "AreaAverage.h"
 
+#include "AreaAverageKernels.h"
+
 #include <algorithm>
 #include <cmath>
-#include <cstring>
-
-#if defined(__SSE2__) || defined(_M_X64)
-#include <emmintrin.h>
-#define QUILL_AREA_AVERAGE_SSE2 1
-#endif
 
 namespace quill_base_detail {
-namespace {
-
-// Weights are fixed point; the taps of one position add up to exactly one. Down the rows they
-// have 8 fraction bits, so that a row summed down (at most 255 << 8) fits 16 bits and the loop
-// runs on 16-bit lanes; across, 14 bits, which on top of the 8 still fits 32 bits.
-constexpr int kRowWeightBits = 8;
-constexpr int kColumnWeightBits = 14;
-constexpr int kResultShift = kRowWeightBits + kColumnWeightBits;
-
-#if defined(_MSC_VER)
-#define QUILL_RESTRICT __restrict
-#else
-#define QUILL_RESTRICT __restrict__
-#endif
-
-// One target row averaged across. Span is the number of taps of every position: a constant for
-// the common spans, so that the inner loops unroll, and 0 for any other (then given as `span`).
-// The byte stores to `out` could alias anything as far as the compiler knows; restrict tells it
-// they do not.
-template <int Channels, int Span>
-void averageAcross(const std::uint16_t* QUILL_RESTRICT in, const int* QUILL_RESTRICT start,
-                   const std::uint32_t* QUILL_RESTRICT weights, int span,
-                   unsigned char* QUILL_RESTRICT out, int width) {
-  const int taps = Span > 0 ? Span : span;
-  for (int x = 0; x < width; ++x) {
-    std::uint32_t sum[Channels] = {};
-    const std::uint16_t* pixel = in + static_cast<std::size_t>(start[x]) * Channels;
-    const std::uint32_t* weight = weights + static_cast<std::size_t>(x) * taps;
-    for (int k = 0; k < taps; ++k) {
-      for (int c = 0; c < Channels; ++c) {
-        sum[c] += weight[k] * pixel[k * Channels + c];
-      }
-    }
-    for (int c = 0; c < Channels; ++c) {
-      const std::uint32_t value = (sum[c] + (1u << (kResultShift - 1))) >> kResultShift;
-      out[x * Channels + c] = static_cast<unsigned char>(std::min<std::uint32_t>(value, 255));
-    }
-  }
-}
-
-template <int Channels>
-void averageAcross(const std::uint16_t* in, const int* start, const std::uint32_t* weights,
-                   int span, unsigned char* out, int width) {
-  switch (span) {
-    case 2:
-      return averageAcross<Channels, 2>(in, start, weights, span, out, width);
-    case 3:
-      return averageAcross<Channels, 3>(in, start, weights, span, out, width);
-    case 4:
-      return averageAcross<Channels, 4>(in, start, weights, span, out, width);
-    default:
-      return averageAcross<Channels, 0>(in, start, weights, span, out, width);
-  }
-}
-
-#if defined(QUILL_AREA_AVERAGE_SSE2)
-// Four channels, two taps a step: eight 16-bit sums (two pixels) times their eight weights,
-// widened to 32 bits from the low and high halves of the products, both taps added in. The same
-// integer arithmetic as the scalar loop, so the results are the same to the bit.
-void averageAcrossFourChannels(const std::uint16_t* in, const int* start,
-                               const std::uint16_t* lanes, int pairs, unsigned char* out,
-                               int width) {
-  const __m128i rounding = _mm_set1_epi32(1 << (kResultShift - 1));
-  for (int x = 0; x < width; ++x) {
-    const std::uint16_t* pixel = in + static_cast<std::size_t>(start[x]) * 4;
-    const std::uint16_t* weight = lanes + static_cast<std::size_t>(x) * pairs * 8;
-    __m128i sum = rounding;
-    for (int p = 0; p < pairs; ++p) {
-      const __m128i values = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pixel + p * 8));
-      const __m128i weights = _mm_loadu_si128(reinterpret_cast<const __m128i*>(weight + p * 8));
-      const __m128i low = _mm_mullo_epi16(values, weights);
-      const __m128i high = _mm_mulhi_epu16(values, weights);
-      sum = _mm_add_epi32(sum, _mm_unpacklo_epi16(low, high));
-      sum = _mm_add_epi32(sum, _mm_unpackhi_epi16(low, high));
-    }
-    // At most 255 by then (the weights add up to one): the saturating packs change nothing.
-    const __m128i values = _mm_srli_epi32(sum, kResultShift);
-    const __m128i words = _mm_packs_epi32(values, values);
-    const int packed = _mm_cvtsi128_si32(_mm_packus_epi16(words, words));
-    std::memcpy(out + static_cast<std::size_t>(x) * 4, &packed, 4);
-  }
-}
-#endif
-
-}  // namespace
 
 AreaAverage::Taps AreaAverage::tapsFor(int sourceLength, int targetLength, int weightBits) {
   const std::uint32_t one = 1u << weightBits;
@@ -158,11 +69,9 @@ AreaAverage::AreaAverage(int sourceWidth, int sourceHeight, int targetWidth, int
   for (auto& row : sums) {
     row.assign(sourceStride + static_cast<std::size_t>(columns.span + 1) * channels, 0);
   }
-#if defined(QUILL_AREA_AVERAGE_SSE2)
   if (channels == 4) {
     columnLanes = lanesFor(columns);
   }
-#endif
 }
 
 void AreaAverage::addRow(const unsigned char* row) {
@@ -177,10 +86,7 @@ void AreaAverage::addRow(const unsigned char* row) {
     const auto weight = static_cast<std::uint16_t>(
         rows.weights[at * static_cast<std::size_t>(rows.span) +
                      static_cast<std::size_t>(sourceRow - rows.start[at])]);
-    std::uint16_t* into = sums[y & 1].data();
-    for (std::size_t i = 0; i < sourceStride; ++i) {
-      into[i] = static_cast<std::uint16_t>(into[i] + weight * row[i]);
-    }
+    sumDown(sums[y & 1].data(), row, weight, sourceStride);
   }
   // Target rows whose last tap this was are complete.
   while (nextTargetRow < targetHeight &&
@@ -192,21 +98,8 @@ void AreaAverage::addRow(const unsigned char* row) {
 
 void AreaAverage::finishRow(int targetRow, std::vector<std::uint16_t>& rowSums) {
   unsigned char* out = target.data() + static_cast<std::size_t>(targetRow) * targetWidth * channels;
-  if (channels == 4) {
-#if defined(QUILL_AREA_AVERAGE_SSE2)
-    averageAcrossFourChannels(rowSums.data(), columns.start.data(), columnLanes.data(),
-                              (columns.span + 1) / 2, out, targetWidth);
-#else
-    averageAcross<4>(rowSums.data(), columns.start.data(), columns.weights.data(), columns.span,
-                     out, targetWidth);
-#endif
-  } else if (channels == 3) {
-    averageAcross<3>(rowSums.data(), columns.start.data(), columns.weights.data(), columns.span,
-                     out, targetWidth);
-  } else {
-    averageAcross<1>(rowSums.data(), columns.start.data(), columns.weights.data(), columns.span,
-                     out, targetWidth);
-  }
+  averageAcross(rowSums.data(), columns.start.data(), columns.weights.data(), columnLanes.data(),
+                columns.span, channels, out, targetWidth);
   std::fill(rowSums.begin(), rowSums.begin() + static_cast<std::ptrdiff_t>(sourceStride), 0);
 }
 

@@ -13,7 +13,7 @@ namespace quill_base_detail {
 // up exactly, so that a flat colour stays exactly that colour.
 //
 // Channels are 1 (grey), 3 (RGB) or 4 (RGB plus a padding byte, as libjpeg-turbo decodes to
-// RGBX): with four, a pixel fills 64 bits and is averaged across with SIMD where there is SSE2.
+// RGBX): with four, a pixel fills 64 bits and is averaged across with SIMD (AreaAverageKernels).
 class AreaAverage {
 public:
   // The target must not be larger than the source in either direction.
