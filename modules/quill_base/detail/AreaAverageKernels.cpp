@@ -135,75 +135,82 @@ void acrossPlain(const std::uint16_t* in, const int* start, const std::uint32_t*
 // integer arithmetic as the plain loop. Pairs is a constant for the common counts of tap pairs (the
 // loop over them then unrolls), 0 for any other.
 template <int Pairs>
-void acrossFourSse2(const std::uint16_t* in, const int* start, const std::uint16_t* lanes,
-                    int pairsGiven, unsigned char* out, int width) {
-  const int pairs = Pairs > 0 ? Pairs : pairsGiven;
-  const __m128i rounding = _mm_set1_epi32(1 << (kResultShift - 1));
-  for (int x = 0; x < width; ++x) {
-    const std::uint16_t* pixel = in + static_cast<std::size_t>(start[x]) * 4;
-    const std::uint16_t* weight = lanes + static_cast<std::size_t>(x) * pairs * 8;
-    __m128i sum = rounding;
-    for (int p = 0; p < pairs; ++p) {
-      const __m128i values = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pixel + p * 8));
-      const __m128i weights = _mm_loadu_si128(reinterpret_cast<const __m128i*>(weight + p * 8));
-      const __m128i low = _mm_mullo_epi16(values, weights);
-      const __m128i high = _mm_mulhi_epu16(values, weights);
-      sum = _mm_add_epi32(sum, _mm_unpacklo_epi16(low, high));
-      sum = _mm_add_epi32(sum, _mm_unpackhi_epi16(low, high));
+struct AcrossFourSse2 {
+  static void run(const std::uint16_t* in, const int* start, const std::uint16_t* lanes,
+                  int pairsGiven, unsigned char* out, int width) {
+    const int pairs = Pairs > 0 ? Pairs : pairsGiven;
+    const __m128i rounding = _mm_set1_epi32(1 << (kResultShift - 1));
+    for (int x = 0; x < width; ++x) {
+      const std::uint16_t* pixel = in + static_cast<std::size_t>(start[x]) * 4;
+      const std::uint16_t* weight = lanes + static_cast<std::size_t>(x) * pairs * 8;
+      __m128i sum = rounding;
+      for (int p = 0; p < pairs; ++p) {
+        const __m128i values = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pixel + p * 8));
+        const __m128i weights = _mm_loadu_si128(reinterpret_cast<const __m128i*>(weight + p * 8));
+        const __m128i low = _mm_mullo_epi16(values, weights);
+        const __m128i high = _mm_mulhi_epu16(values, weights);
+        sum = _mm_add_epi32(sum, _mm_unpacklo_epi16(low, high));
+        sum = _mm_add_epi32(sum, _mm_unpackhi_epi16(low, high));
+      }
+      // At most 255 by then (the weights add up to one): the saturating packs change nothing.
+      const __m128i values = _mm_srli_epi32(sum, kResultShift);
+      const __m128i words = _mm_packs_epi32(values, values);
+      const int packed = _mm_cvtsi128_si32(_mm_packus_epi16(words, words));
+      std::memcpy(out + static_cast<std::size_t>(x) * 4, &packed, 4);
     }
-    // At most 255 by then (the weights add up to one): the saturating packs change nothing.
-    const __m128i values = _mm_srli_epi32(sum, kResultShift);
-    const __m128i words = _mm_packs_epi32(values, values);
-    const int packed = _mm_cvtsi128_si32(_mm_packus_epi16(words, words));
-    std::memcpy(out + static_cast<std::size_t>(x) * 4, &packed, 4);
   }
-}
+};
 #endif
 
 #if defined(QUILL_AREA_AVERAGE_AVX2)
-// As acrossFourSse2, two target pixels a step: each 128-bit half of the registers holds one.
+// As AcrossFourSse2, two target pixels a step: each 128-bit half of the registers holds one.
 template <int Pairs>
-QUILL_TARGET_AVX2 void acrossFourAvx2(const std::uint16_t* in, const int* start,
-                                      const std::uint16_t* lanes, int pairsGiven,
-                                      unsigned char* out, int width) {
-  const int pairs = Pairs > 0 ? Pairs : pairsGiven;
-  const __m256i rounding = _mm256_set1_epi32(1 << (kResultShift - 1));
-  int x = 0;
-  for (; x + 2 <= width; x += 2) {
-    const std::uint16_t* first = in + static_cast<std::size_t>(start[x]) * 4;
-    const std::uint16_t* second = in + static_cast<std::size_t>(start[x + 1]) * 4;
-    // The lanes of position x + 1 follow those of x.
-    const std::uint16_t* weight = lanes + static_cast<std::size_t>(x) * pairs * 8;
-    __m256i sum = rounding;
-    for (int p = 0; p < pairs; ++p) {
-      const __m256i values = _mm256_inserti128_si256(
-          _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(first + p * 8))),
-          _mm_loadu_si128(reinterpret_cast<const __m128i*>(second + p * 8)), 1);
-      const __m256i weights = _mm256_inserti128_si256(
-          _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(weight + p * 8))),
-          _mm_loadu_si128(reinterpret_cast<const __m128i*>(weight + (pairs + p) * 8)), 1);
-      const __m256i low = _mm256_mullo_epi16(values, weights);
-      const __m256i high = _mm256_mulhi_epu16(values, weights);
-      sum = _mm256_add_epi32(sum, _mm256_unpacklo_epi16(low, high));
-      sum = _mm256_add_epi32(sum, _mm256_unpackhi_epi16(low, high));
+struct AcrossFourAvx2 {
+  QUILL_TARGET_AVX2 static void run(const std::uint16_t* in, const int* start,
+                                    const std::uint16_t* lanes, int pairsGiven, unsigned char* out,
+                                    int width) {
+    const int pairs = Pairs > 0 ? Pairs : pairsGiven;
+    const __m256i rounding = _mm256_set1_epi32(1 << (kResultShift - 1));
+    int x = 0;
+    for (; x + 2 <= width; x += 2) {
+      const std::uint16_t* first = in + static_cast<std::size_t>(start[x]) * 4;
+      const std::uint16_t* second = in + static_cast<std::size_t>(start[x + 1]) * 4;
+      // The lanes of position x + 1 follow those of x.
+      const std::uint16_t* weight = lanes + static_cast<std::size_t>(x) * pairs * 8;
+      __m256i sum = rounding;
+      for (int p = 0; p < pairs; ++p) {
+        const __m256i values = _mm256_inserti128_si256(
+            _mm256_castsi128_si256(
+                _mm_loadu_si128(reinterpret_cast<const __m128i*>(first + p * 8))),
+            _mm_loadu_si128(reinterpret_cast<const __m128i*>(second + p * 8)), 1);
+        const __m256i weights = _mm256_inserti128_si256(
+            _mm256_castsi128_si256(
+                _mm_loadu_si128(reinterpret_cast<const __m128i*>(weight + p * 8))),
+            _mm_loadu_si128(reinterpret_cast<const __m128i*>(weight + (pairs + p) * 8)), 1);
+        const __m256i low = _mm256_mullo_epi16(values, weights);
+        const __m256i high = _mm256_mulhi_epu16(values, weights);
+        sum = _mm256_add_epi32(sum, _mm256_unpacklo_epi16(low, high));
+        sum = _mm256_add_epi32(sum, _mm256_unpackhi_epi16(low, high));
+      }
+      // The packs work within each half: the first four bytes of each are its pixel.
+      const __m256i values = _mm256_srli_epi32(sum, kResultShift);
+      const __m256i words = _mm256_packs_epi32(values, values);
+      const __m256i bytes = _mm256_packus_epi16(words, words);
+      const int firstPixel = _mm256_cvtsi256_si32(bytes);
+      const int secondPixel = _mm_cvtsi128_si32(_mm256_extracti128_si256(bytes, 1));
+      std::memcpy(out + static_cast<std::size_t>(x) * 4, &firstPixel, 4);
+      std::memcpy(out + static_cast<std::size_t>(x) * 4 + 4, &secondPixel, 4);
     }
-    // The packs work within each half: the first four bytes of each are its pixel.
-    const __m256i values = _mm256_srli_epi32(sum, kResultShift);
-    const __m256i words = _mm256_packs_epi32(values, values);
-    const __m256i bytes = _mm256_packus_epi16(words, words);
-    const int firstPixel = _mm256_cvtsi256_si32(bytes);
-    const int secondPixel = _mm_cvtsi128_si32(_mm256_extracti128_si256(bytes, 1));
-    std::memcpy(out + static_cast<std::size_t>(x) * 4, &firstPixel, 4);
-    std::memcpy(out + static_cast<std::size_t>(x) * 4 + 4, &secondPixel, 4);
+    if (x < width) {
+      AcrossFourSse2<Pairs>::run(in, start + x, lanes + static_cast<std::size_t>(x) * pairs * 8,
+                                 pairs, out + static_cast<std::size_t>(x) * 4, width - x);
+    }
   }
-  if (x < width) {
-    acrossFourSse2<Pairs>(in, start + x, lanes + static_cast<std::size_t>(x) * pairs * 8, pairs,
-                          out + static_cast<std::size_t>(x) * 4, width - x);
-  }
-}
+};
 #endif
 
 #if defined(QUILL_AREA_AVERAGE_SSE2)
+// Form<Pairs>::run for the number of tap pairs: one of the unrolled ones, or the general one.
 template <template <int> class Form>
 void acrossFour(const std::uint16_t* in, const int* start, const std::uint16_t* lanes, int pairs,
                 unsigned char* out, int width) {
@@ -218,24 +225,6 @@ void acrossFour(const std::uint16_t* in, const int* start, const std::uint16_t* 
       return Form<0>::run(in, start, lanes, pairs, out, width);
   }
 }
-
-template <int Pairs>
-struct Sse2Form {
-  static void run(const std::uint16_t* in, const int* start, const std::uint16_t* lanes, int pairs,
-                  unsigned char* out, int width) {
-    acrossFourSse2<Pairs>(in, start, lanes, pairs, out, width);
-  }
-};
-#endif
-
-#if defined(QUILL_AREA_AVERAGE_AVX2)
-template <int Pairs>
-struct Avx2Form {
-  static void run(const std::uint16_t* in, const int* start, const std::uint16_t* lanes, int pairs,
-                  unsigned char* out, int width) {
-    acrossFourAvx2<Pairs>(in, start, lanes, pairs, out, width);
-  }
-};
 #endif
 
 }  // namespace
@@ -261,11 +250,11 @@ void averageAcross(const std::uint16_t* in, const int* start, const std::uint32_
     const int pairs = (span + 1) / 2;
 #if defined(QUILL_AREA_AVERAGE_AVX2)
     if (useAvx2()) {
-      return acrossFour<Avx2Form>(in, start, lanes, pairs, out, width);
+      return acrossFour<AcrossFourAvx2>(in, start, lanes, pairs, out, width);
     }
 #endif
 #if defined(QUILL_AREA_AVERAGE_SSE2)
-    return acrossFour<Sse2Form>(in, start, lanes, pairs, out, width);
+    return acrossFour<AcrossFourSse2>(in, start, lanes, pairs, out, width);
 #else
     static_cast<void>(lanes);
     return acrossPlain<4>(in, start, weights, span, out, width);

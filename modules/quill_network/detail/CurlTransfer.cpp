@@ -141,9 +141,6 @@ bool CurlTransfer::setKindOptions() {
   std::string& e = localError;
   switch (spec.kind) {
     case TransferSpec::Kind::Download:
-      if (!download) {
-        download = openDownloadFile(spec);
-      }
       if (download->takenUp()) {
         // An earlier download's partial file: the rest of the same version of the file is asked
         // for, as after a cut (see beginBody()).

@@ -29,7 +29,7 @@ namespace quill_network_detail {
 class CurlTransfer {
 public:
   // `quiet` tells that the engine is shutting down: the caller's functions are no longer called.
-  // `file`: a download's file as openDownloadFile() made it; when null, prepare() makes it.
+  // `file`: a download's file as openDownloadFile() made it (null for any other kind).
   CurlTransfer(std::string id, TransferSpec spec, TransferSettings settings,
                std::unique_ptr<DownloadFile> file, const std::atomic<bool>& quiet);
   CurlTransfer(const CurlTransfer&) = delete;

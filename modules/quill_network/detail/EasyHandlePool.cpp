@@ -14,15 +14,13 @@ EasyHandle EasyHandlePool::take() {
 }
 
 void EasyHandlePool::give(EasyHandle handle) {
-  if (!handle) {
-    return;
+  if (!handle || idle.size() >= keep) {
+    return;  // a handle not kept is freed as it goes
   }
   // Options, and what they point to, are forgotten; connections stay with the multi handle and TLS
   // sessions with the share handle, as for a new handle.
   curl_easy_reset(handle.get());
-  if (idle.size() < keep) {
-    idle.push_back(std::move(handle));
-  }
+  idle.push_back(std::move(handle));
 }
 
 }  // namespace quill_network_detail
