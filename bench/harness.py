@@ -48,14 +48,17 @@ class BenchError(Exception):
 
 class Run:
     """One measured process: wall seconds, CPU seconds (user+system), peak RSS in bytes, and the page
-    faults it took (minor ones: memory the kernel had to hand out, each a trip into the kernel)."""
+    faults it took (minor ones: memory the kernel had to hand out, each a trip into the kernel), and
+    its voluntary and involuntary context switches (threads handing work to each other show there)."""
 
-    def __init__(self, wall, cpu, rss, output, faults=0):
+    def __init__(self, wall, cpu, rss, output, faults=0, vcs=0, ivcs=0):
         self.wall = wall
         self.cpu = cpu
         self.rss = rss
         self.output = output
         self.faults = faults
+        self.vcs = vcs
+        self.ivcs = ivcs
 
     def json_output(self):
         for line in self.output.splitlines():
@@ -99,7 +102,8 @@ def measure(cmd, log, env=None, cwd=None):
     with open(rss_path) as rss:
         # The last line; a line about the exit status may come before it.
         peak_kib, faults = (int(field) for field in rss.read().splitlines()[-1].split())
-    return Run(wall, usage.ru_utime + usage.ru_stime, peak_kib * 1024, output, faults)
+    return Run(wall, usage.ru_utime + usage.ru_stime, peak_kib * 1024, output, faults, usage.ru_nvcsw,
+               usage.ru_nivcsw)
 
 
 def free_port():
@@ -390,6 +394,7 @@ class Bench:
         self.rounds = 1 if self.quick else args.rounds
         self.build_dir = os.path.abspath(args.build_dir)
         self.ours = os.path.join(self.build_dir, "bench", "quill-bench-transfer")
+        self.layers = os.path.join(self.build_dir, "bench", "quill-bench-layers")
         self.scheduler = os.path.join(self.build_dir, "bench", "quill-bench-scheduler")
         self.work = tempfile.mkdtemp(prefix="quill-bench-", dir=args.work_dir)
         self.servers = Servers(self.work, self.build_dir)
@@ -665,6 +670,27 @@ class Bench:
             ("%s-curl" % name, theirs, lambda: self.kept_dir("%s-curl" % name, r, base),
              self.expect_files(theirs_dir, self.small_count)))
 
+    LAYERS = ("engine", "queue", "queue-rename", "service")
+
+    def layer_costs(self, r):
+        """The small files of row 3 (on tmpfs where there is one) through fewer of the library's
+        layers, and curl in the same round: what each layer adds to a small download. "service" is
+        the whole library, as in row 3."""
+        base = self.tmpfs or self.work
+        urls, listing = ((self.small_tmpfs_urls, self.lists["small-tmpfs"]) if self.tmpfs else
+                         (self.small_urls, self.lists["small"]))
+        runs = []
+        for layer in self.LAYERS:
+            out = os.path.join(base, "kept-layers-%s-%d" % (layer, r))
+            cmd = [self.ours, "many", listing, out] if layer == "service" else [self.layers, layer, listing, out]
+            runs.append(("layers-%s" % layer, cmd, out))
+        curl_out = os.path.join(base, "kept-layers-curl-%d" % r)
+        runs.append(("layers-curl", self.curl_parallel(urls, curl_out), curl_out))
+        # A different order each round, so that no layer always runs right after the same one.
+        shift = r % len(runs)
+        for name, cmd, out in runs[shift:] + runs[:shift]:
+            self.run(name, cmd, lambda name=name: self.kept_dir(name, r, base), self.expect_files(out, self.small_count))
+
     def curl_and_vipsthumbnail(self, fetched, scaled):
         """What a user could script for the avatars: curl fetches them 4 at a time, then
         vipsthumbnail scales them to fit 200 px, two processes at a time (one per core here)."""
@@ -783,6 +809,29 @@ class Bench:
             self.add(comparison, "peak RSS MiB", {"median": rss}, {"median": theirs_rss}, None,
                      "<= %d MiB" % rss_limit, rss <= rss_limit)
 
+    def layer_rows(self):
+        curl_wall, curl_cpu = self.stat("layers-curl"), self.stat("layers-curl", "cpu")
+        if not curl_wall:
+            return
+        for layer in self.LAYERS:
+            wall, cpu = self.stat("layers-%s" % layer), self.stat("layers-%s" % layer, "cpu")
+            comparison = "3b %d x 16 KiB, layers: %s" % (self.small_count, layer)
+            if not wall:
+                self.add(comparison, "files/s", None, None, None, "", False, "no successful run")
+                continue
+            self.add(comparison, "files/s",
+                     {"median": self.small_count / median(wall), "spread_pct": spread(wall), "runs": len(wall)},
+                     {"median": self.small_count / median(curl_wall), "spread_pct": spread(curl_wall)},
+                     median(curl_wall) / median(wall), "", None)
+            self.add(comparison, "CPU s", {"median": median(cpu), "spread_pct": spread(cpu)},
+                     {"median": median(curl_cpu), "spread_pct": spread(curl_cpu)},
+                     median(curl_cpu) / median(cpu) if median(cpu) > 0 else None, "", None)
+            vcs, ivcs = self.stat("layers-%s" % layer, "vcs"), self.stat("layers-%s" % layer, "ivcs")
+            if vcs and ivcs:
+                self.add(comparison, "context switches", {"median": median(vcs) + median(ivcs)},
+                         {"median": median(self.stat("layers-curl", "vcs")) +
+                          median(self.stat("layers-curl", "ivcs"))}, None, "", None)
+
     def summarise(self, scheduler):
         size = self.big_size
         self.pair_rows("1 download HTTP", "download-http-ours", "download-http-curl", size, "MB/s", 1.2, 1.0, 48)
@@ -794,6 +843,7 @@ class Bench:
                        "files/s", 1.0, per_item=self.small_count, cpu_target=1 / 1.1)
         self.pair_rows("3 %d x 16 KiB, tmpfs" % self.small_count, "many-tmpfs-ours", "many-tmpfs-curl",
                        self.small_count * 16384, "files/s", 1.0, per_item=self.small_count, cpu_target=1 / 1.1)
+        self.layer_rows()
         if scheduler:
             for n in sorted(scheduler):
                 us = scheduler[n]["us_per_request"]
@@ -933,7 +983,8 @@ class Bench:
             # The avatars step goes last: our run of it deletes a thousand temporary files, and the
             # next small-file runs should be as far from that as they can be.
             steps = {"download": self.downloads, "progress": self.progress, "upload": self.uploads,
-                     "resume": self.resumes, "many": self.many, "scale": self.scaling, "avatars": self.avatars}
+                     "resume": self.resumes, "many": self.many, "layers": self.layer_costs, "scale": self.scaling,
+                     "avatars": self.avatars}
             unknown = (self.only or set()) - set(steps) - {"scheduler"}
             if unknown:
                 raise BenchError("unknown --only step(s): %s" % ", ".join(sorted(unknown)))
@@ -988,8 +1039,8 @@ def main():
     parser.add_argument("--profile", action="store_true",
                         help="record each of our runs with perf record -g into the logs (use with --keep)")
     parser.add_argument("--only", default=None,
-                        help="comma-separated steps: download, progress, upload, resume, many, avatars, scale, "
-                        "scheduler")
+                        help="comma-separated steps: download, progress, upload, resume, many, layers, avatars, "
+                        "scale, scheduler")
     args = parser.parse_args()
 
     def stop(signum, _frame):
