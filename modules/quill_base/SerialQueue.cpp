@@ -1,8 +1,7 @@
 #include <quill_base/SerialQueue.h>
 
 #include <quill_base/Logger.h>
-
-#include "detail/ThreadName.h"
+#include <quill_base/ThreadUtils.h>
 
 #include <condition_variable>
 #include <deque>
@@ -59,7 +58,7 @@ struct SerialQueue::State {
 };
 
 void SerialQueue::State::run() {
-  quill_detail::setCurrentThreadName(name);
+  ThreadUtils::setCurrentThreadName(name);
   std::unique_lock<std::mutex> lock(mutex);
   while (!stopping) {
     while (!dueOrder.empty() && timers.find(dueOrder.top().second) == timers.end()) {

@@ -2,14 +2,9 @@
 
 #include "LogCapture.h"
 #include "TestSupport.h"
+#include "ThreadNames.h"
 
 #include <gtest/gtest.h>
-
-#if defined(_WIN32)
-#include <windows.h>
-#else
-#include <pthread.h>
-#endif
 
 #include <atomic>
 #include <memory>
@@ -18,33 +13,8 @@
 #include <thread>
 #include <vector>
 
+using quill_test::currentThreadName;
 using quill_test::EventCounter;
-
-namespace {
-
-// The name the system shows for the calling thread (debuggers, crash reports, top).
-std::string currentThreadName() {
-#if defined(_WIN32)
-  using GetThreadDescriptionFunction = HRESULT(WINAPI*)(HANDLE, PWSTR*);
-  const auto getDescription =
-      reinterpret_cast<GetThreadDescriptionFunction>(reinterpret_cast<void*>(
-          GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "GetThreadDescription")));
-  PWSTR wide = nullptr;
-  if (getDescription == nullptr || FAILED(getDescription(GetCurrentThread(), &wide))) {
-    return "";
-  }
-  char name[256] = {};
-  WideCharToMultiByte(CP_UTF8, 0, wide, -1, name, sizeof name, nullptr, nullptr);
-  LocalFree(wide);
-  return name;
-#else
-  char name[16] = {};
-  pthread_getname_np(pthread_self(), name, sizeof name);
-  return name;
-#endif
-}
-
-}  // namespace
 
 TEST(SerialQueue, RunsClosuresInDispatchOrder) {
   SerialQueue queue("order");

@@ -7,6 +7,7 @@
 #include "NetworkTestSupport.h"
 #include "OverBothSchemes.h"
 #include "TestSupport.h"
+#include "ThreadNames.h"
 
 #include <gtest/gtest.h>
 
@@ -31,6 +32,24 @@ protected:
 };
 
 }  // namespace
+
+// Profiles and debuggers tell the network thread from the serial queues by its name; unnamed, it
+// would carry the name of whichever thread first used the client.
+TEST_P(Download, CompletesOnTheNamedNetworkThread) {
+  const auto urlPath = storePattern("named-thread.bin", 1000);
+  auto record = TransferRecord::make();
+  std::string threadName;
+  const auto recordCompletion = record->completion();
+  HttpClient::downloadFile(url(urlPath), dir.file("named-thread.bin"), nullptr,
+                           [&threadName, recordCompletion](std::shared_ptr<HttpResponse> response) {
+                             threadName = currentThreadName();
+                             recordCompletion(std::move(response));
+                           });
+  const auto response = record->wait();
+  ASSERT_NE(response, nullptr);
+  EXPECT_EQ(response->outcome, HttpResponse::kCompleted);
+  EXPECT_EQ(threadName, "quill network");
+}
 
 TEST_P(Download, WritesTheBytesAndReportsProgressUpToTheTotal) {
   const std::uint64_t size = 3 * 1024 * 1024 + 123;

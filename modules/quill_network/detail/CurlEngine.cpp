@@ -5,6 +5,7 @@
 
 #include <quill_base/FileUtils.h>
 #include <quill_base/Logger.h>
+#include <quill_base/ThreadUtils.h>
 
 #include <algorithm>
 #include <exception>
@@ -135,6 +136,9 @@ void CurlEngine::waitForTheWorkerToFinish() {
 #endif
 
 void CurlEngine::run() {
+  // Named for profiles and debuggers; unnamed, it would carry the name of the thread that made the
+  // engine (often a serial queue's).
+  ThreadUtils::setCurrentThreadName("quill network");
   QLOG_DEBUG("network thread started");
   keepReceiveBuffersInTheHeap();
   try {

@@ -1,12 +1,10 @@
-#include "detail/ThreadName.h"
+#include <quill_base/ThreadUtils.h>
 
 #if defined(__linux__) || defined(__APPLE__)
 #include <pthread.h>
 #elif defined(_WIN32)
 #include <windows.h>
 #endif
-
-namespace quill_detail {
 
 #if defined(_WIN32)
 namespace {
@@ -29,7 +27,7 @@ SetThreadDescriptionFunction setThreadDescription() {
 }  // namespace
 #endif
 
-void setCurrentThreadName(const std::string& name) {
+void ThreadUtils::setCurrentThreadName(const std::string& name) {
 #if defined(__linux__)
   // Linux allows 15 characters plus the terminator.
   pthread_setname_np(pthread_self(), name.substr(0, 15).c_str());
@@ -52,5 +50,3 @@ void setCurrentThreadName(const std::string& name) {
   (void)name;
 #endif
 }
-
-}  // namespace quill_detail
