@@ -809,6 +809,21 @@ class Bench:
             self.add(comparison, "peak RSS MiB", {"median": rss}, {"median": theirs_rss}, None,
                      "<= %d MiB" % rss_limit, rss <= rss_limit)
 
+    # Our bench programs report the CPU time of each of their threads by name: the network thread,
+    # the serial queue that takes each completion (the service's, or the layers program's own),
+    # and everything else (the main thread making the requests, start-up).
+    THREAD_GROUPS = (("network thread", ("quill network",)), ("queue thread", ("cloud storage", "layers queue")))
+
+    def thread_rows(self, comparison, name):
+        per_run = [run.json_output().get("threadCpu", {}) for run in self.samples.get(name, [])]
+        per_run = [threads for threads in per_run if threads]
+        if not per_run:
+            return
+        for label, names in self.THREAD_GROUPS:
+            values = [sum(v for k, v in threads.items() if k in names) for threads in per_run]
+            self.add(comparison, "CPU s, %s" % label, {"median": median(values), "spread_pct": spread(values)},
+                     None, None, "", None)
+
     def layer_rows(self):
         curl_wall, curl_cpu = self.stat("layers-curl"), self.stat("layers-curl", "cpu")
         if not curl_wall:
@@ -826,6 +841,7 @@ class Bench:
             self.add(comparison, "CPU s", {"median": median(cpu), "spread_pct": spread(cpu)},
                      {"median": median(curl_cpu), "spread_pct": spread(curl_cpu)},
                      median(curl_cpu) / median(cpu) if median(cpu) > 0 else None, "", None)
+            self.thread_rows(comparison, "layers-%s" % layer)
             vcs, ivcs = self.stat("layers-%s" % layer, "vcs"), self.stat("layers-%s" % layer, "ivcs")
             if vcs and ivcs:
                 self.add(comparison, "context switches", {"median": median(vcs) + median(ivcs)},
@@ -843,6 +859,7 @@ class Bench:
                        "files/s", 1.0, per_item=self.small_count, cpu_target=1 / 1.1)
         self.pair_rows("3 %d x 16 KiB, tmpfs" % self.small_count, "many-tmpfs-ours", "many-tmpfs-curl",
                        self.small_count * 16384, "files/s", 1.0, per_item=self.small_count, cpu_target=1 / 1.1)
+        self.thread_rows("3 %d x 16 KiB, tmpfs" % self.small_count, "many-tmpfs-ours")
         self.layer_rows()
         if scheduler:
             for n in sorted(scheduler):

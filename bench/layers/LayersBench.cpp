@@ -12,6 +12,8 @@
 // The whole service (scheduler, tasks, temporary file in the cache directory, resume records) is
 // `quill-bench-transfer many`. Prints one line of JSON; exit status 0 when every download
 // succeeded, 1 when one failed, 2 for a usage error.
+#include "../common/ThreadCpu.h"
+
 #include <quill_base/SerialQueue.h>
 #include <quill_network/HttpClient.h>
 
@@ -38,7 +40,7 @@ public:
       : layer(layer),
         urls(std::move(urls)),
         directory(std::move(directory)),
-        queue(std::make_shared<SerialQueue>("layers")) {}
+        queue(std::make_shared<SerialQueue>("layers queue")) {}
 
   // True when every download ended, successful or not, before the deadline.
   bool run() {
@@ -152,8 +154,9 @@ int main(int argc, char** argv) {
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   const bool ok = finished && downloads->failures() == 0;
-  std::printf("{\"ok\":%s,\"seconds\":%.6f,\"files\":%zu,\"failed\":%zu}\n", ok ? "true" : "false",
-              seconds, downloads->count(), downloads->failures());
+  std::printf("{\"ok\":%s,\"seconds\":%.6f,\"files\":%zu,\"failed\":%zu,\"threadCpu\":%s}\n",
+              ok ? "true" : "false", seconds, downloads->count(), downloads->failures(),
+              quill_bench::threadCpuJson().c_str());
   std::fflush(stdout);
   if (ok) {
     delete downloads;

@@ -11,6 +11,8 @@
 //   quill-bench-transfer scale SOURCE TARGET_DIRECTORY COUNT
 //
 // Exit status 0 when every transfer succeeded, 1 when one failed, 2 for a usage error.
+#include "../common/ThreadCpu.h"
+
 #include <quill_base/ImageUtils.h>
 #include <quill_base/SerialQueue.h>
 #include <quill_cloud/AvatarManager.h>
@@ -195,9 +197,9 @@ int many(const std::string& listPath, const std::string& directory) {
   const bool finished = countdown.wait(kDeadline);
   const double seconds = secondsSince(start);
   const auto failures = countdown.failed();
-  return report(
-      finished && failures == 0, seconds,
-      ",\"files\":" + std::to_string(urls.size()) + ",\"failed\":" + std::to_string(failures));
+  return report(finished && failures == 0, seconds,
+                ",\"files\":" + std::to_string(urls.size()) + ",\"failed\":" +
+                    std::to_string(failures) + ",\"threadCpu\":" + quill_bench::threadCpuJson());
 }
 
 class AvatarCounter : public IAvatarManagerListener {
