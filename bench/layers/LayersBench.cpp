@@ -13,6 +13,7 @@
 // `quill-bench-transfer many`. Prints one line of JSON; exit status 0 when every download
 // succeeded, 1 when one failed, 2 for a usage error.
 #include "../common/ThreadCpu.h"
+#include "../common/UrlList.h"
 
 #include <quill_base/SerialQueue.h>
 #include <quill_network/HttpClient.h>
@@ -21,7 +22,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <fstream>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -110,18 +110,6 @@ private:
   std::size_t done = 0;
 };
 
-std::vector<std::string> readLines(const std::string& path) {
-  std::ifstream in(path);
-  std::vector<std::string> lines;
-  std::string line;
-  while (std::getline(in, line)) {
-    if (!line.empty()) {
-      lines.push_back(line);
-    }
-  }
-  return lines;
-}
-
 int usage() {
   std::fprintf(stderr, "usage: quill-bench-layers engine|queue|queue-rename URL_LIST DIRECTORY\n");
   return 2;
@@ -142,7 +130,7 @@ int main(int argc, char** argv) {
   } else if (name != "engine") {
     return usage();
   }
-  auto urls = readLines(argv[2]);
+  auto urls = quill_bench::readLines(argv[2]);
   if (urls.empty()) {
     return usage();
   }

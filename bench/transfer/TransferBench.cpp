@@ -12,6 +12,7 @@
 //
 // Exit status 0 when every transfer succeeded, 1 when one failed, 2 for a usage error.
 #include "../common/ThreadCpu.h"
+#include "../common/UrlList.h"
 
 #include <quill_base/ImageUtils.h>
 #include <quill_base/SerialQueue.h>
@@ -25,7 +26,6 @@
 #include <condition_variable>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <memory>
 #include <mutex>
@@ -75,18 +75,6 @@ private:
 
 // Nothing in the harness runs longer than this; a hang is reported as a failure.
 constexpr std::chrono::seconds kDeadline{600};
-
-std::vector<std::string> readLines(const std::string& path) {
-  std::vector<std::string> lines;
-  std::ifstream in(path);
-  std::string line;
-  while (std::getline(in, line)) {
-    if (!line.empty()) {
-      lines.push_back(line);
-    }
-  }
-  return lines;
-}
 
 int report(bool ok, double seconds, const std::string& extra) {
   std::printf("{\"ok\":%s,\"seconds\":%.6f%s}\n", ok ? "true" : "false", seconds, extra.c_str());
@@ -176,7 +164,7 @@ void signIn(CloudStorageService& service, const std::string& directory) {
 }
 
 int many(const std::string& listPath, const std::string& directory) {
-  const auto urls = readLines(listPath);
+  const auto urls = quill_bench::readLines(listPath);
   CloudStorageService service(false);
   signIn(service, directory);
   Countdown countdown(urls.size());
@@ -212,7 +200,7 @@ private:
 };
 
 int avatars(const std::string& listPath, const std::string& root) {
-  const auto urls = readLines(listPath);
+  const auto urls = quill_bench::readLines(listPath);
   auto queue = std::make_shared<SerialQueue>("bench-avatars");
   auto service = std::make_shared<CloudStorageService>(false);
   signIn(*service, root);
